@@ -1,0 +1,234 @@
+// KvGranularity.cpp - the fixed-size block pools and the delete-function registry.
+#include "KvGranularity.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "../Diag/KvDebugOutput.h"
+#include "KvMemoryWatcher.h"
+#include "KvSegmentState.h"
+
+// Table entry i serves requests whose 2n-1 has bit length b where _aulNdxMap[b] == i.
+// There is deliberately no 2048-byte class.
+const uint32_t KvGranularity::_aulNdxMap[34] = {
+    0, 1, 1, 1, 1, 2, 3, 4, 5, 6, 7, 8, 9, 9, 10, 10, 11,
+    11, 12, 12, 13, 13, 14, 14, 15, 15,
+    0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF};
+
+const KvGranularity KvGranularity::_agranTemplate[KVGRAN_COUNT] = {
+    {nullptr, 0, 0},          {nullptr, 8, 1024},      {nullptr, 16, 512},
+    {nullptr, 32, 256},       {nullptr, 64, 128},      {nullptr, 128, 64},
+    {nullptr, 256, 32},       {nullptr, 512, 16},      {nullptr, 1024, 8},
+    {nullptr, 4096, 8},       {nullptr, 16384, 8},     {nullptr, 0x10000, 4},
+    {nullptr, 0x40000, 4},    {nullptr, 0x100000, 1},  {nullptr, 0x400000, 1},
+    {nullptr, 0x1000000, 1},  {nullptr, 0, 0}};
+
+KvGranularity::KvGranularity(void* pv, uint32_t stSize, uint32_t cBlocksPerChunk)
+    : _pchHead(static_cast<char*>(pv)), _stSize(stSize), _cBlocksPerChunk(cBlocksPerChunk),
+      _cAllocChecked(0), _cFreeChecked(0), _cNetUnchecked(0)
+{
+}
+
+uint32_t KvGranularity::_IndexForSize(uint32_t n)
+{
+    // Bit length of 2n-1 (computed in 32 bits: 0 wraps to all ones, length 32).
+    const uint32_t v = 2u * n - 1u;
+    const uint32_t b = v == 0 ? 0 : 32u - static_cast<uint32_t>(__builtin_clz(v));
+    return _aulNdxMap[b];
+}
+
+KvGranularity* KvGranularity::_GetGranularity(uint32_t iIndex)
+{
+    return _aogran + iIndex;
+}
+
+void* KvGranularity::_Alloc(uint32_t n, KvGranularityMemoryWatcher* pWatcher)
+{
+    if (pWatcher == nullptr)
+        pWatcher = _GetDefaultWatcher();
+    const uint32_t iIndex = _IndexForSize(n);
+    if (iIndex >= KVGRAN_COUNT) {
+        // No class fits (0 bytes, or more than 16 MiB): an allocation failure.
+        char sz[160];
+        snprintf(sz, sizeof(sz), "KvGranularity::_Alloc(): no block size for a request of 0x%x bytes", n);
+        KvGranThrow(sz);
+    }
+    return _aogran[iIndex].Alloc(n, pWatcher);
+}
+
+void KvGranularity::_Free(void* pv, uint32_t n, KvGranularityMemoryWatcher* pWatcher)
+{
+    if (pWatcher == nullptr)
+        pWatcher = _GetDefaultWatcher();
+    const uint32_t iIndex = _IndexForSize(n);
+    if (iIndex >= KVGRAN_COUNT) {
+        char sz[160];
+        snprintf(sz, sizeof(sz), "KvGranularity::_Free(): no block size for a request of 0x%x bytes", n);
+        KvGranThrow(sz);
+    }
+    _aogran[iIndex].Free(pv, pWatcher);
+}
+
+namespace {
+// Holds the pool mutex for a scope; every throw below leaves through it.
+struct KvPoolLock {
+    KvPoolLock() { KvGranularity::_LockPools(); }
+    ~KvPoolLock() { KvGranularity::_UnlockPools(); }
+};
+}  // namespace
+
+void* KvGranularity::Alloc(uint32_t n, KvGranularityMemoryWatcher* pWatcher)
+{
+    if (_pchHead.IsNotNull() && !_IsPointerInComittedRange(_pchHead.Get()))
+        KvGranThrow("KvGranularity::Alloc(): b4: next free pointer not in committed range");
+    if (_stSize == 0)
+        return nullptr;
+    KvPoolLock lock;
+    if (n > _stSize) {
+        char sz[160];
+        snprintf(sz, sizeof(sz),
+                 "KvGranularity::Alloc(): Illegal attempt to\tallocate 0x%x bytes from Granularity with 0x%x bytes",
+                 n, _stSize);
+        KvGranThrow(sz);
+    }
+    if (_pchHead.IsNull())
+        MemPrepare();
+    char* pBlock = _pchHead.Get();
+    if (n != 0) {
+        _pchHead = KvsPtr<char>::FromOffset(*reinterpret_cast<uint32_t*>(pBlock));
+        if (_pchHead.IsNotNull() && !_IsPointerInComittedRange(_pchHead.Get()))
+            KvGranThrow("KvGranularity::Alloc(): after: next free pointer not in committed range");
+        memset(pBlock, 0, _stSize);
+    }
+    if (_poinf->_fMemChecking) {
+        _cAllocChecked += 1;
+        _poinf->_cbAllocChecked += _stSize;
+    } else {
+        _cNetUnchecked += 1;
+        _poinf->_cbNetUnchecked += _stSize;
+    }
+    if (pWatcher != nullptr)
+        pWatcher->CountAlloc(_poinf->_fMemChecking != 0);
+    return pBlock;
+}
+
+void KvGranularity::Free(void* pv, KvGranularityMemoryWatcher* pWatcher)
+{
+    if (!_IsPointerInComittedRange(pv))
+        KvGranThrow("KvGranularity::Free(): pointer not in committed range");
+    if (_stSize == 0)
+        return;
+    const uint32_t step = _stSize < 8192 ? _stSize : 8192;
+    if (_CalcOffset(pv) % step != 0) {
+        char sz[120];
+        snprintf(sz, sizeof(sz), "KvGranularity::Free: pv=0x%lx _stSize=0x%x base=0x%lx\n",
+                 static_cast<unsigned long>(reinterpret_cast<uintptr_t>(pv)), _stSize,
+                 static_cast<unsigned long>(reinterpret_cast<uintptr_t>(_pvBase)));
+        _DebugOutput(sz);
+        KvGranThrow("KvGranularity::Free(): pointer does not match granularity size");
+    }
+    KvPoolLock lock;
+    *static_cast<uint32_t*>(pv) = _pchHead.Offset();  // last freed, first reused
+    _pchHead = static_cast<char*>(pv);
+    if (_poinf->_fMemChecking) {
+        _cFreeChecked -= 1;
+        _poinf->_cbFreeChecked -= _stSize;
+    } else {
+        _cNetUnchecked -= 1;
+        _poinf->_cbNetUnchecked -= _stSize;
+    }
+    if (pWatcher != nullptr)
+        pWatcher->CountFree(_poinf->_fMemChecking != 0);
+}
+
+static uint32_t KvRoundUp(uint32_t v, uint32_t step)
+{
+    return (v + step - 1) / step * step;
+}
+
+void KvGranularity::MemPrepare()
+{
+    char sz[160];
+    snprintf(sz, sizeof(sz), "MemPrepare: GranSize=%x  _pchNextCommit.Offset=%8.8x _pchNextCommit=%8.8lx", _stSize,
+             _poinf != nullptr ? _poinf->_pchNextCommit.Offset() : 0u,
+             static_cast<unsigned long>(
+                 reinterpret_cast<uintptr_t>(_poinf != nullptr ? _poinf->_pchNextCommit.Get() : nullptr)));
+    _DebugOutput(sz);
+    if (_pvBase == nullptr)
+        KvGranThrow("KvGranularity::MemPrepare(): Memory not initialized");
+    const uint32_t ofsFree = _poinf->_pchNextFree.Offset();
+    const uint32_t ofsCommit = _poinf->_pchNextCommit.Offset();
+    const uint64_t cbEnd = static_cast<uint64_t>(ofsFree) + static_cast<uint64_t>(_cBlocksPerChunk) * _stSize;
+    const int64_t cbRounded = static_cast<int64_t>((cbEnd + 4095) / 4096 * 4096);
+    const uint64_t size = cbRounded > ofsCommit ? static_cast<uint64_t>(cbRounded - ofsCommit) : 0;
+    if (ofsCommit + size > _stMax)
+        KvGranThrow("KvGranularity::MemPrepare(): Out of Memory");
+    // The whole segment is mapped read-write by its creator, so committing only
+    // advances the bookkeeping; an empty commit is reported as the platform did.
+    if (size == 0) {
+        snprintf(sz, sizeof(sz), "MemPrepare:VirtualAlloc-Error: _pchNextCommit.Offset=%8.8x _pchNextCommit=%8.8lx",
+                 ofsCommit, static_cast<unsigned long>(reinterpret_cast<uintptr_t>(_pvBase + ofsCommit)));
+        _DebugOutput(sz);
+        FlushDebug();
+    }
+    _poinf->_pchNextCommit = KvsPtr<char>::FromOffset(static_cast<uint32_t>(ofsCommit + size));
+    _pchHead = KvsPtr<char>::FromOffset(ofsFree);
+    uint32_t ofs = ofsFree;
+    for (uint32_t i = 0; i < _cBlocksPerChunk; ++i) {
+        *reinterpret_cast<uint32_t*>(_pvBase + ofs) = ofs + _stSize;
+        ofs += _stSize;
+    }
+    *reinterpret_cast<uint32_t*>(_pvBase + ofs - _stSize) = 0;
+    _poinf->_pchNextFree = KvsPtr<char>::FromOffset(ofs);
+}
+
+void* KvGranularity::_AllocFixed(uint32_t n)
+{
+    if (n == 0)
+        return nullptr;
+    if (_pvBase == nullptr)
+        KvGranThrow("KvGranularity::MemPrepare(): Memory not initialized");
+    const uint32_t ofsFree = _poinf->_pchNextFree.Offset();
+    const uint32_t ofsCommit = _poinf->_pchNextCommit.Offset();
+    const uint64_t size = static_cast<uint64_t>(KvRoundUp(ofsFree + n, 8192)) - ofsCommit;
+    char sz[80];
+    snprintf(sz, sizeof(sz), "%x: _AllocFixed (%lx)", n, static_cast<unsigned long>(size));
+    _DebugOutput(sz);
+    if (ofsCommit + size > _stMax)
+        KvGranThrow("KvGranularity::_Alloc(): Out of Memory");
+    _poinf->_pchNextCommit = KvsPtr<char>::FromOffset(static_cast<uint32_t>(ofsCommit + size));
+    _poinf->_pchNextFree = KvsPtr<char>::FromOffset(ofsFree + n);
+    return _pvBase + ofsFree;
+}
+
+void KvGranularity::_EnableMemChecking(bool f)
+{
+    _poinf->_fMemChecking = f ? 1 : 0;
+}
+
+uint32_t KvGranularity::_GetWatcherCount()
+{
+    return _poinf != nullptr ? _poinf->_cWatchers : 0;
+}
+
+// --- delete-function registry ----------------------------------------------
+
+int32_t KvGranularity::_RegisterDeleteFunction(KvDeleteFunction pfn)
+{
+    return _RegisterDeleteFunction(pfn, "?", 0);
+}
+
+int32_t KvGranularity::_RegisterDeleteFunction(KvDeleteFunction pfn, const char* pszClass, uint32_t cbClass)
+{
+    const int32_t i = __atomic_add_fetch(&sm_iDeleteFunctionMax, 1, __ATOMIC_SEQ_CST);
+    if (i >= static_cast<int32_t>(KVGRAN_MAX_DELETE_FUNCTIONS) - 1)
+        KvGranThrow("Max. Number of shared memory classes reached!");
+    sm_aDeleteFunctions[i] = pfn;
+    KvFingerprintAddClass(pszClass, cbClass);
+    return i;
+}
+
+KvDeleteFunction KvGetDeleteFunction(int32_t iIndex)
+{
+    return KvGranularity::_GetDeleteFunction(iIndex);
+}
