@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 BUILD := build
 
-.PHONY: all build test test64 test32 asan demo bench clean
+.PHONY: all build test test64 test32 asan demo bench install-check clean
 
 all: build
 
@@ -42,6 +42,10 @@ bench:
 	cmake -S . -B $(BUILD)/release -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS)
 	cmake --build $(BUILD)/release -j $(JOBS)
 	@if [ -x bench/run.sh ]; then bench/run.sh $(BUILD)/release; else echo "no benchmarks yet"; fi
+
+# Installs into a temporary prefix and builds a consumer against the package.
+install-check:
+	tests/install/check_install.sh $(BUILD)/install-check
 
 clean:
 	rm -rf $(BUILD)

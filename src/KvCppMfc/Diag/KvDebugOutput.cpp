@@ -3,6 +3,7 @@
 // size limit, one prefixed line per output.
 #include "KvDebugOutput.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -136,11 +137,15 @@ unsigned long _DebugOutput(const char* pszText, const char* pszFile, unsigned lo
     const int iLastError = KvGetLastError();
     char szPrefix[400];
     int cch = 0;
+    // snprintf reports the length it wanted; a long file name is cut, never overrun.
+    auto clamp = [&] { cch = cch < 0 ? 0 : std::min(cch, static_cast<int>(sizeof(szPrefix)) - 1); };
     if (pszFile != nullptr)
         cch = snprintf(szPrefix, sizeof(szPrefix), "%s(%lu): ", pszFile, nLine);
+    clamp();
     cch += snprintf(szPrefix + cch, sizeof(szPrefix) - static_cast<size_t>(cch), "%.15g %s P=%u T=%x E=%d: ",
                     KvGetTickCount() * 0.001, KvUtcTimeText().c_str(), KvGetCurrentProcessId(),
                     KvGetCurrentThreadId(), iLastError);
+    clamp();
     if (pszText == nullptr)
         pszText = "DebugOutput called with NULL-pointer message";
     const size_t cchText = strlen(pszText);

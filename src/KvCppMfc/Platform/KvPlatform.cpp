@@ -62,7 +62,9 @@ std::string KvObjectName(const char* pszName)
     return "/" + strBase + strSuffix;
 }
 
-int KvUnlinkNamespaceObjects(const std::string& strKeep)
+static bool KvIsMutexObject(const std::string& strName);
+
+int KvUnlinkNamespaceObjects(const std::string& strKeep, bool fKeepMutexes)
 {
     const std::string strSuffix = KvNamespaceSuffix();
     DIR* pdir = opendir("/dev/shm");
@@ -77,9 +79,12 @@ int KvUnlinkNamespaceObjects(const std::string& strKeep)
     }
     closedir(pdir);
     int c = 0;
-    for (const std::string& strName : names)
-        if (strName != strKeep && shm_unlink(strName.c_str()) == 0)
+    for (const std::string& strName : names) {
+        if (strName == strKeep || (fKeepMutexes && KvIsMutexObject(strName)))
+            continue;
+        if (shm_unlink(strName.c_str()) == 0)
             ++c;
+    }
     return c;
 }
 
@@ -148,13 +153,22 @@ void KvShmObject::Close()
 
 bool KvShmObject::Reopen()
 {
-    int fd = shm_open(m_strName.c_str(), O_RDWR | O_CLOEXEC, 0600);
-    if (fd < 0)
-        return false;
-    if (m_fd >= 0)
-        close(m_fd);  // the parent's description stays open (and locked) in the parent
+    const int fd = OpenAnotherDescription();
+    if (fd >= 0)
+        AdoptDescription(fd);  // the parent's description stays open (and locked) in the parent
+    return fd >= 0;
+}
+
+int KvShmObject::OpenAnotherDescription() const
+{
+    return m_strName.empty() ? -1 : shm_open(m_strName.c_str(), O_RDWR | O_CLOEXEC, 0600);
+}
+
+void KvShmObject::AdoptDescription(int fd)
+{
+    if (m_fd >= 0 && m_fd != fd)
+        close(m_fd);
     m_fd = fd;
-    return true;
 }
 
 bool KvShmObject::IsLinked() const
@@ -171,6 +185,18 @@ bool KvShmObject::IsLinked() const
 bool KvShmObject::Unlink(const std::string& strName)
 {
     return shm_unlink(strName.c_str()) == 0;
+}
+
+void* KvReserveMemory(size_t cb)
+{
+    void* pv = mmap(nullptr, cb, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    return pv == MAP_FAILED ? nullptr : pv;
+}
+
+void KvReleaseMemory(void* pv, size_t cb)
+{
+    if (pv != nullptr)
+        munmap(pv, cb);
 }
 
 bool KvFlockShared(int fd)
@@ -194,9 +220,34 @@ void KvFlockUnlock(int fd)
     flock(fd, LOCK_UN);
 }
 
+void KvCloseDescriptor(int fd)
+{
+    if (fd >= 0)
+        close(fd);
+}
+
 // ---------------------------------------------------------------------------
 // Named lock (the namespace critical section)
 // ---------------------------------------------------------------------------
+
+static void KvInitThreadMutex(pthread_mutex_t* pmtx)
+{
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(pmtx, &attr);
+    pthread_mutexattr_destroy(&attr);
+}
+
+KvNamedLock::KvNamedLock()
+{
+    KvInitThreadMutex(&m_mtxThreads);
+}
+
+KvNamedLock::~KvNamedLock()
+{
+    Close();
+}
 
 bool KvNamedLock::Open(const char* pszName)
 {
@@ -207,15 +258,16 @@ bool KvNamedLock::Open(const char* pszName)
     return m_fd >= 0;
 }
 
-void KvNamedLock::Lock()
+// Takes the flock of this description. The last process of a namespace unlinks
+// the lock object while holding it; a waiter that then gets the lock of the
+// unlinked object starts again on the object now under the name.
+void KvNamedLock::LockDescription()
 {
     for (;;) {
         if (m_fd < 0)
             return;
         while (flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
         }
-        // The last process of a namespace unlinks this object; a waiter that got
-        // the lock of an unlinked object starts again on a fresh one.
         struct stat stFd, stName;
         const std::string strPath = "/dev/shm" + m_strName;
         if (fstat(m_fd, &stFd) == 0 && stat(strPath.c_str(), &stName) == 0 &&
@@ -223,15 +275,23 @@ void KvNamedLock::Lock()
             return;
         close(m_fd);
         m_fd = shm_open(m_strName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        if (m_fd < 0)
-            return;
     }
+}
+
+void KvNamedLock::Lock()
+{
+    pthread_mutex_lock(&m_mtxThreads);
+    if (m_cDepth++ == 0)
+        LockDescription();
 }
 
 void KvNamedLock::Unlock()
 {
-    if (m_fd >= 0)
+    if (m_cDepth <= 0)
+        return;  // not held by this process: nothing to release
+    if (--m_cDepth == 0 && m_fd >= 0)
         flock(m_fd, LOCK_UN);
+    pthread_mutex_unlock(&m_mtxThreads);
 }
 
 void KvNamedLock::Close()
@@ -239,6 +299,18 @@ void KvNamedLock::Close()
     if (m_fd >= 0)
         close(m_fd);
     m_fd = -1;
+}
+
+void KvNamedLock::ResetAfterFork()
+{
+    // Only the forking thread exists in the child; whatever the parent's threads
+    // held is not the child's.
+    KvInitThreadMutex(&m_mtxThreads);
+    m_cDepth = 0;
+    if (m_fd < 0)
+        return;
+    close(m_fd);  // the parent's description (and any lock on it) stays the parent's
+    m_fd = shm_open(m_strName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
 }
 
 // ---------------------------------------------------------------------------
@@ -251,6 +323,21 @@ struct KvSharedMutexObject {
 };
 
 static const uint32_t kKvMutexReady = 0x4B564D58;  // "KVMX"
+
+// A mutex object is recognised by its size and its ready mark.
+static bool KvIsMutexObject(const std::string& strName)
+{
+    const int fd = shm_open(strName.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0)
+        return false;
+    struct stat st;
+    uint32_t dwReady = 0;
+    const bool f = fstat(fd, &st) == 0 && st.st_size == static_cast<off_t>(sizeof(KvSharedMutexObject)) &&
+                   pread(fd, &dwReady, sizeof(dwReady), 0) == static_cast<ssize_t>(sizeof(dwReady)) &&
+                   dwReady == kKvMutexReady;
+    close(fd);
+    return f;
+}
 
 bool KvNamedMutex::OpenOrCreate(const char* pszName, bool fRecursive)
 {
@@ -306,11 +393,16 @@ void KvNamedMutex::Unlock()
 // ---------------------------------------------------------------------------
 
 static uint32_t s_dwPid = 0;
+static void KvRegisterForkHandlers();
 
 uint32_t KvGetCurrentProcessId()
 {
-    if (s_dwPid == 0)
+    if (s_dwPid == 0) {
+        // The fork handler that refreshes the cache is registered before the cache
+        // is first filled, so a fork child never reports its parent's id.
+        KvRegisterForkHandlers();
         s_dwPid = static_cast<uint32_t>(getpid());
+    }
     return s_dwPid;
 }
 
@@ -374,24 +466,59 @@ void KvWriteStderr(const char* pch, size_t cch)
     }
 }
 
-static std::vector<void (*)()>& KvForkChildHandlers()
+namespace {
+struct KvForkHandlers {
+    std::vector<void (*)()> vPrepare, vParent, vChild;
+};
+
+KvForkHandlers& KvGetForkHandlers()
 {
-    static std::vector<void (*)()> s_v;
-    return s_v;
+    static KvForkHandlers s_handlers;
+    return s_handlers;
 }
 
-static void KvRunForkChildHandlers()
+void KvForkPrepare()
+{
+    const auto& v = KvGetForkHandlers().vPrepare;
+    for (auto it = v.rbegin(); it != v.rend(); ++it)  // reverse order, as pthread_atfork does
+        (*it)();
+}
+
+void KvForkParent()
+{
+    for (auto pfn : KvGetForkHandlers().vParent)
+        pfn();
+}
+
+void KvForkChild()
 {
     s_dwPid = static_cast<uint32_t>(getpid());
-    for (auto pfn : KvForkChildHandlers())
+    for (auto pfn : KvGetForkHandlers().vChild)
         pfn();
+}
+}  // namespace
+
+static void KvRegisterForkHandlers()
+{
+    static std::once_flag s_once;
+    std::call_once(s_once, [] { pthread_atfork(&KvForkPrepare, &KvForkParent, &KvForkChild); });
+}
+
+void KvAtFork(void (*pfnPrepare)(), void (*pfnParent)(), void (*pfnChild)())
+{
+    KvRegisterForkHandlers();
+    KvForkHandlers& h = KvGetForkHandlers();
+    if (pfnPrepare != nullptr)
+        h.vPrepare.push_back(pfnPrepare);
+    if (pfnParent != nullptr)
+        h.vParent.push_back(pfnParent);
+    if (pfnChild != nullptr)
+        h.vChild.push_back(pfnChild);
 }
 
 void KvAtForkChild(void (*pfn)())
 {
-    static std::once_flag s_once;
-    std::call_once(s_once, [] { pthread_atfork(nullptr, nullptr, &KvRunForkChildHandlers); });
-    KvForkChildHandlers().push_back(pfn);
+    KvAtFork(nullptr, nullptr, pfn);
 }
 
 // ---------------------------------------------------------------------------
@@ -399,6 +526,13 @@ void KvAtForkChild(void (*pfn)())
 // ---------------------------------------------------------------------------
 
 thread_local int t_cKvFaultFrames = 0;
+
+// Kept out of line and free of cleanups, so the unwinder passes through this frame
+// and memcpy's to the caller, which sees a call that may throw.
+__attribute__((noinline)) void* KvCopyBytes(void* pvDst, const void* pvSrc, size_t cb)
+{
+    return memcpy(pvDst, pvSrc, cb);
+}
 
 static KvFaultThrower s_pfnFaultThrower = nullptr;
 static struct sigaction s_aOldActions[4];
@@ -437,22 +571,18 @@ KvFaultInfo KvFaultInfoFromSignal(int sig, const siginfo_t* psi, const void* pvC
         info.aParams[1] = reinterpret_cast<uintptr_t>(psi != nullptr ? psi->si_addr : nullptr);
         break;
     }
-    case SIGFPE:
-        if (psi != nullptr && (psi->si_code == FPE_INTDIV))
-            info.dwCode = 0xC0000094;
-        else if (psi != nullptr && psi->si_code == FPE_INTOVF)
-            info.dwCode = 0xC0000095;
-        else if (psi != nullptr && psi->si_code == FPE_FLTDIV)
-            info.dwCode = 0xC000008E;
-        else if (psi != nullptr && psi->si_code == FPE_FLTOVF)
-            info.dwCode = 0xC0000091;
-        else if (psi != nullptr && psi->si_code == FPE_FLTUND)
-            info.dwCode = 0xC0000093;
-        else if (psi != nullptr && psi->si_code == FPE_FLTRES)
-            info.dwCode = 0xC000008F;
-        else
-            info.dwCode = 0xC0000090;
+    case SIGFPE: {
+        static const struct {
+            int iSiCode;
+            uint32_t dwCode;
+        } s_aCodes[] = {{FPE_INTDIV, 0xC0000094}, {FPE_INTOVF, 0xC0000095}, {FPE_FLTDIV, 0xC000008E},
+                        {FPE_FLTOVF, 0xC0000091}, {FPE_FLTUND, 0xC0000093}, {FPE_FLTRES, 0xC000008F}};
+        info.dwCode = 0xC0000090;  // any other floating-point fault
+        for (const auto& code : s_aCodes)
+            if (psi != nullptr && psi->si_code == code.iSiCode)
+                info.dwCode = code.dwCode;
         break;
+    }
     case SIGILL:
         info.dwCode = psi != nullptr && psi->si_code == ILL_PRVOPC ? 0xC0000096 : 0xC000001D;
         break;
@@ -492,8 +622,11 @@ static void KvFaultSignalHandler(int sig, siginfo_t* psi, void* pvContext)
             return;
         }
     }
-    // Default action: restore it and let the faulting instruction run again.
+    // Default action: restore it. A fault raised by an instruction happens again
+    // when the handler returns; one sent by kill() must be raised anew.
     signal(sig, SIG_DFL);
+    if (psi == nullptr || psi->si_code <= 0)
+        raise(sig);
 }
 
 void KvInstallFaultHandler(KvFaultThrower pfnThrow)

@@ -33,9 +33,11 @@ std::string KvNamespaceSuffix();
 std::string KvObjectName(const char* pszName);
 
 // Removes every shared-memory object of the current namespace (the names that end
-// in KvNamespaceSuffix()) except strKeep (a POSIX name, or ""). Returns how many
+// in KvNamespaceSuffix()) except strKeep (a POSIX name, or ""). With fKeepMutexes,
+// named mutex objects (KvNamedMutex) stay too: processes may hold them before they
+// attach, and a robust mutex survives the death of its owner. Returns how many
 // were removed.
-int KvUnlinkNamespaceObjects(const std::string& strKeep);
+int KvUnlinkNamespaceObjects(const std::string& strKeep, bool fKeepMutexes = false);
 
 // ---------------------------------------------------------------------------
 // Shared-memory objects
@@ -60,31 +62,55 @@ struct KvShmObject {
     // Opens a second, independent description of the same name (used after fork,
     // so that the child holds a lock of its own). Keeps the mapping.
     bool Reopen();
+    // Opens another description of the same name without touching this one;
+    // returns its descriptor or -1.
+    int OpenAnotherDescription() const;
+    // Makes fd this object's description, closing the one it had.
+    void AdoptDescription(int fd);
     bool IsLinked() const;  // the name still refers to this object
     static bool Unlink(const std::string& strName);
 };
+
+// Private (not shared) read-write memory of this process, reserved lazily; null on
+// failure.
+void* KvReserveMemory(size_t cb);
+void KvReleaseMemory(void* pv, size_t cb);
 
 // flock(2) on an open description.
 bool KvFlockShared(int fd);
 bool KvFlockTryExclusive(int fd);  // non-blocking; false when another description holds a lock
 void KvFlockUnlock(int fd);
+void KvCloseDescriptor(int fd);
 
 // ---------------------------------------------------------------------------
 // Machine-wide (namespace-wide) critical section: an exclusive flock on its own
-// named object. The kernel drops it when its holder dies.
+// named object. The kernel drops it when its holder dies. A flock excludes other
+// descriptions only, so threads of this process are kept apart by a process-local
+// recursive mutex; the lock is recursive per thread like the mutex it stands for.
 // ---------------------------------------------------------------------------
 class KvNamedLock {
 public:
+    KvNamedLock();
+    ~KvNamedLock();
+    KvNamedLock(const KvNamedLock&) = delete;
+    KvNamedLock& operator=(const KvNamedLock&) = delete;
+
     bool Open(const char* pszName);  // opens or creates; idempotent
     void Lock();                     // waits without limit; re-opens when the name was unlinked meanwhile
     void Unlock();
     void Close();
+    // In a fork child: forget the parent's state and take a description of its
+    // own, so that parent and child exclude each other.
+    void ResetAfterFork();
     bool IsOpen() const { return m_fd >= 0; }
     int Fd() const { return m_fd; }
 
 private:
+    void LockDescription();
     int m_fd = -1;
+    int m_cDepth = 0;  // nesting of the owning thread
     std::string m_strName;
+    pthread_mutex_t m_mtxThreads;
 };
 
 // ---------------------------------------------------------------------------
@@ -136,8 +162,12 @@ int KvGetLastError();
 // Writes the bytes to standard error in one write(2) call.
 void KvWriteStderr(const char* pch, size_t cch);
 
-// Registers functions run in the child after fork(), in registration order.
+// Registers functions run in the child after fork(), in registration order (after
+// the cached process id was refreshed).
 void KvAtForkChild(void (*pfn)());
+// The same for all three phases of fork(); any of them may be null. Prepare
+// handlers run in the parent before fork, parent handlers in the parent after it.
+void KvAtFork(void (*pfnPrepare)(), void (*pfnParent)(), void (*pfnChild)());
 
 // ---------------------------------------------------------------------------
 // Hardware faults
@@ -174,6 +204,11 @@ struct KvFaultFrame {
     KvFaultFrame(const KvFaultFrame&) = delete;
     KvFaultFrame& operator=(const KvFaultFrame&) = delete;
 };
+
+// memcpy for buffers a caller handed in. The C library declares memcpy not to
+// throw, so a fault inside a direct call could not leave as an exception (the
+// process would end); through this out-of-line call it can.
+void* KvCopyBytes(void* pvDst, const void* pvSrc, size_t cb);
 
 // Word size of this build in bits (32 or 64).
 constexpr int KvWordSize() { return static_cast<int>(sizeof(void*) * 8); }

@@ -46,6 +46,8 @@ void* KvGranularity::_Alloc(uint32_t n, KvGranularityMemoryWatcher* pWatcher)
 {
     if (pWatcher == nullptr)
         pWatcher = _GetDefaultWatcher();
+    if (_aogran == nullptr)
+        KvGranThrow("KvGranularity::MemPrepare(): Memory not initialized");
     const uint32_t iIndex = _IndexForSize(n);
     if (iIndex >= KVGRAN_COUNT) {
         // No class fits (0 bytes, or more than 16 MiB): an allocation failure.
@@ -60,6 +62,8 @@ void KvGranularity::_Free(void* pv, uint32_t n, KvGranularityMemoryWatcher* pWat
 {
     if (pWatcher == nullptr)
         pWatcher = _GetDefaultWatcher();
+    if (_aogran == nullptr)
+        KvGranThrow("KvGranularity::Free(): pointer not in committed range");
     const uint32_t iIndex = _IndexForSize(n);
     if (iIndex >= KVGRAN_COUNT) {
         char sz[160];
@@ -141,7 +145,8 @@ void KvGranularity::Free(void* pv, KvGranularityMemoryWatcher* pWatcher)
         pWatcher->CountFree(_poinf->_fMemChecking != 0);
 }
 
-static uint32_t KvRoundUp(uint32_t v, uint32_t step)
+// In 64 bits: a request near 4 GiB must not wrap into a small size.
+static uint64_t KvRoundUp(uint64_t v, uint64_t step)
 {
     return (v + step - 1) / step * step;
 }
@@ -159,8 +164,9 @@ void KvGranularity::MemPrepare()
     const uint32_t ofsFree = _poinf->_pchNextFree.Offset();
     const uint32_t ofsCommit = _poinf->_pchNextCommit.Offset();
     const uint64_t cbEnd = static_cast<uint64_t>(ofsFree) + static_cast<uint64_t>(_cBlocksPerChunk) * _stSize;
-    const int64_t cbRounded = static_cast<int64_t>((cbEnd + 4095) / 4096 * 4096);
-    const uint64_t size = cbRounded > ofsCommit ? static_cast<uint64_t>(cbRounded - ofsCommit) : 0;
+    const uint64_t cbRounded = KvRoundUp(cbEnd, 4096);
+    // The committed end never lies past a rounded chunk end; 0 is the empty commit.
+    const uint64_t size = cbRounded > ofsCommit ? cbRounded - ofsCommit : 0;
     if (ofsCommit + size > _stMax)
         KvGranThrow("KvGranularity::MemPrepare(): Out of Memory");
     // The whole segment is mapped read-write by its creator, so committing only
@@ -190,9 +196,10 @@ void* KvGranularity::_AllocFixed(uint32_t n)
         KvGranThrow("KvGranularity::MemPrepare(): Memory not initialized");
     const uint32_t ofsFree = _poinf->_pchNextFree.Offset();
     const uint32_t ofsCommit = _poinf->_pchNextCommit.Offset();
-    const uint64_t size = static_cast<uint64_t>(KvRoundUp(ofsFree + n, 8192)) - ofsCommit;
+    const uint64_t cbEnd = KvRoundUp(static_cast<uint64_t>(ofsFree) + n, 8192);
+    const uint64_t size = cbEnd > ofsCommit ? cbEnd - ofsCommit : 0;
     char sz[80];
-    snprintf(sz, sizeof(sz), "%x: _AllocFixed (%lx)", n, static_cast<unsigned long>(size));
+    snprintf(sz, sizeof(sz), "%x: _AllocFixed (%llx)", n, static_cast<unsigned long long>(size));
     _DebugOutput(sz);
     if (ofsCommit + size > _stMax)
         KvGranThrow("KvGranularity::_Alloc(): Out of Memory");
@@ -203,7 +210,8 @@ void* KvGranularity::_AllocFixed(uint32_t n)
 
 void KvGranularity::_EnableMemChecking(bool f)
 {
-    _poinf->_fMemChecking = f ? 1 : 0;
+    if (_poinf != nullptr)
+        _poinf->_fMemChecking = f ? 1 : 0;
 }
 
 uint32_t KvGranularity::_GetWatcherCount()

@@ -17,11 +17,29 @@ namespace {
 
 const char* const kOpool = "KvCppMfc/OPOOL";
 
-// This process's mappings of watcher objects, by kernel-object name.
-std::map<std::string, std::unique_ptr<KvShmObject>>& KvWatcherMappings()
+// One mapping of a watcher object in this process, with the number of holders
+// in this process: the opening count in the object is shared by all processes,
+// while the mapping is this process's own and must stay while it is held here.
+struct KvWatcherMapping : KvShmObject {
+    int cHeld = 0;
+};
+
+// This process's mappings of watcher objects, by POSIX name (which carries the
+// namespace, so a mapping is never taken for the same chain name elsewhere).
+std::map<std::string, std::unique_ptr<KvWatcherMapping>>& KvWatcherMappings()
 {
-    static std::map<std::string, std::unique_ptr<KvShmObject>> s_map;
+    static std::map<std::string, std::unique_ptr<KvWatcherMapping>> s_map;
     return s_map;
+}
+
+// The mapping that holds the watcher at pv, or end().
+auto KvFindMapping(const void* pv)
+{
+    auto& map = KvWatcherMappings();
+    auto it = map.begin();
+    while (it != map.end() && it->second->m_pv != pv)
+        ++it;
+    return it;
 }
 
 struct KvPoolLockScope {
@@ -49,11 +67,12 @@ KvGranularityMemoryWatcher* KvMapWatcher(const std::string& strName, bool fCreat
 {
     *pfCreated = false;
     auto& map = KvWatcherMappings();
-    auto it = map.find(strName);
+    const std::string strObject = KvObjectName(strName.c_str());
+    auto it = map.find(strObject);
     if (it != map.end())
         return static_cast<KvGranularityMemoryWatcher*>(it->second->m_pv);
-    auto pshm = std::make_unique<KvShmObject>();
-    if (!pshm->OpenOrCreate(KvObjectName(strName.c_str()), sizeof(KvGranularityMemoryWatcher), fCreateOk, pfCreated) ||
+    auto pshm = std::make_unique<KvWatcherMapping>();
+    if (!pshm->OpenOrCreate(strObject, sizeof(KvGranularityMemoryWatcher), fCreateOk, pfCreated) ||
         !pshm->Map()) {
         if (*pfCreated)
             KvShmObject::Unlink(pshm->m_strName);
@@ -63,8 +82,20 @@ KvGranularityMemoryWatcher* KvMapWatcher(const std::string& strName, bool fCreat
     }
     auto* pWatcher = static_cast<KvGranularityMemoryWatcher*>(pshm->m_pv);
     pWatcher->SetFileMappingHandle(static_cast<uint32_t>(pshm->m_fd));
-    map[strName] = std::move(pshm);
+    map[strObject] = std::move(pshm);
     return pWatcher;
+}
+
+// Removes a watcher object again (made by mistake) from this process and the system.
+void KvDiscardWatcher(const std::string& strName)
+{
+    auto& map = KvWatcherMappings();
+    auto it = map.find(KvObjectName(strName.c_str()));
+    if (it == map.end())
+        return;
+    KvShmObject::Unlink(it->first);
+    it->second->Close();
+    map.erase(it);
 }
 
 // Walks the chain from the header, newest first.
@@ -100,19 +131,25 @@ KvGranularityMemoryWatcher* KvGranularityMemoryWatcher::_GetSharedWatcher(const 
         return nullptr;
     if (fCreated) {
         if (pszDescr == nullptr) {
+            // Only an existing watcher can be opened by its chain name alone.
+            KvDiscardWatcher(strName);
             const std::string strText =
                 "KvGranularityMemoryWatcher::_GetSharedWatcher(): no watcher named " + strName;
             KvGranThrow(strText.c_str());
         }
         p->Init(pszName, pszDescr, cbSize);
+        KvFindMapping(p)->second->cHeld += 1;
         return p;
     }
     p->m_cOpened += 1;
+    KvFindMapping(p)->second->cHeld += 1;
     return p;
 }
 
 KvGranularityMemoryWatcher* KvGranularityMemoryWatcher::_GetMemoryWatcher(const char* pszType, const char* pszDescr)
 {
+    if (pszType == nullptr || pszDescr == nullptr)
+        return nullptr;
     KvPoolLockScope lock;
     KvGranularityMemoryWatcher* pFound = nullptr;
     KvForEachWatcher([&](KvGranularityMemoryWatcher* p) {
@@ -127,18 +164,16 @@ KvGranularityMemoryWatcher* KvGranularityMemoryWatcher::_GetMemoryWatcher(const 
 
 void KvGranularityMemoryWatcher::_FreeSharedWatcher(KvGranularityMemoryWatcher* pWatcher)
 {
-    if (pWatcher == nullptr)
+    // A watcher this process does not hold (already released, or never a
+    // watcher) is left alone rather than touched.
+    auto it = KvFindMapping(pWatcher);
+    if (pWatcher == nullptr || it == KvWatcherMappings().end())
         return;
     pWatcher->m_cOpened -= 1;
-    if (pWatcher->m_cOpened != 0)
+    if (--it->second->cHeld > 0)
         return;
-    auto& map = KvWatcherMappings();
-    for (auto it = map.begin(); it != map.end(); ++it)
-        if (it->second->m_pv == pWatcher) {
-            it->second->Close();
-            map.erase(it);
-            return;
-        }
+    it->second->Close();
+    KvWatcherMappings().erase(it);
 }
 
 void KvGranularityMemoryWatcher::Init(const char* pszType, const char* pszDescr, uint32_t cbSize)
@@ -215,6 +250,14 @@ void KvGranularityMemoryWatcher::_FillMemoryState(KvGranularityMemoryState& stat
         state.m_netUnchecked.aWatcher[i] = p->m_cNetUnchecked;
         return ++i < KVGRAN_NUM_WATCHERS;
     });
+}
+
+void KvCloseWatcherMappings()
+{
+    auto& map = KvWatcherMappings();
+    for (auto& entry : map)
+        entry.second->Close();
+    map.clear();
 }
 
 // --- KvGranularitySharedWatcherAllocator --------------------------------------

@@ -57,6 +57,10 @@ static_assert(offsetof(KvGranularityMemoryWatcher, m_cbSize) == 1040, "");
 static_assert(offsetof(KvGranularityMemoryWatcher, m_cOpened) == 1068, "");
 static_assert(offsetof(KvGranularityMemoryWatcher, m_szNext) == 1076, "");
 
+// Unmaps every watcher this process mapped (at the release of the segment: the
+// objects belong to its namespace, which may be gone afterwards).
+void KvCloseWatcherMappings();
+
 // A per-process holder of the shared watcher of one kind of object.
 class KvGranularitySharedWatcherAllocator {
 public:

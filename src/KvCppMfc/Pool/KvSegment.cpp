@@ -11,47 +11,100 @@
 #include <cstring>
 #include <string>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include "../Diag/KvDebugOutput.h"
 #include "../Platform/KvPlatform.h"
 #include "KvGranularity.h"
+#include "KvMemoryWatcher.h"
 #include "KvSegmentState.h"
 
 namespace {
-KvShmObject s_shmSegment;        // this process's description and mapping
-KvNamedLock s_lockCritSec;       // "KVCRITSEC"
-std::string s_strCritSecName;    // its POSIX name when opened
-KvNamedMutex s_mtxPools;         // "OGRAN.MTX"
-bool s_fPrivate = false;         // attached by _AllocMem, not to a named segment
-bool s_fForkHandlerSet = false;
+// Per-process state of the attachment. Made on first use and never destroyed, so
+// that start-up and exit code of other files may attach and detach in any order
+// relative to this file's static initialisers and destructors.
+struct KvSegmentStatics {
+    KvShmObject shmSegment;      // this process's description and mapping
+    KvNamedLock lockCritSec;     // "KVCRITSEC"
+    std::string strCritSecName;  // its POSIX name when opened
+    KvNamedMutex mtxPools;       // "OGRAN.MTX"
+    bool fPrivate = false;       // attached by _AllocMem, not to a named segment
+    int fdForkSpare = -1;        // description made for a fork child (see below)
+    std::string strClassList;    // registered classes, for messages
+};
 
+KvSegmentStatics& S()
+{
+    static KvSegmentStatics* s_p = new KvSegmentStatics;
+    return *s_p;
+}
+
+// Constant-initialised, so registrations from static initialisers of any file
+// see it ready.
 KvBuildFingerprint s_fingerprint = {{'K', 'V', 'R', 'F', 'R', 'S', 'V', 'R'},
                                     static_cast<uint32_t>(KvWordSize()),
                                     sizeof(KvGranularity::Info),
                                     sizeof(KvGranularity),
                                     0,
                                     1469598103934665603ull};
-std::string s_strClassList;
 
 KvBuildFingerprint* KvSegmentFingerprint()
 {
     return reinterpret_cast<KvBuildFingerprint*>(KvGranularity::_pvBase + KVGRAN_FINGERPRINT_OFFSET);
 }
 
-// In a fork child: an attachment of its own (own description and shared lock),
-// and a critical section of its own.
-void KvSegmentAfterFork()
+bool KvIsAttachedShared()
 {
-    if (!s_strCritSecName.empty()) {
-        s_lockCritSec.Close();
-        s_lockCritSec.Open("KVCRITSEC");
+    return KvGranularity::_pvBase != nullptr && !S().fPrivate && S().shmSegment.m_fd >= 0;
+}
+
+// fork(): the child is an attachment of its own. Its description is opened and
+// share-locked by the parent before the fork, so that at no moment the segment is
+// held only through a description that parent and child share (a parent that
+// detached right after the fork would otherwise take the child's lock for its own
+// and remove the namespace under it).
+void KvSegmentForkPrepare()
+{
+    if (!KvIsAttachedShared())
+        return;
+    const int fd = S().shmSegment.OpenAnotherDescription();
+    if (fd >= 0 && !KvFlockShared(fd)) {
+        KvCloseDescriptor(fd);
+        return;
     }
-    if (s_shmSegment.m_fd >= 0 && s_shmSegment.Reopen()) {
-        KvFlockShared(s_shmSegment.m_fd);
-        KvGranularity::_hMem = s_shmSegment.m_fd;
-        __atomic_add_fetch(&KvGranularity::_poinf->_cAllocSharedMem, 1, __ATOMIC_SEQ_CST);
+    S().fdForkSpare = fd;
+}
+
+void KvSegmentForkParent()
+{
+    KvCloseDescriptor(S().fdForkSpare);  // the child's copy keeps the description and its lock
+    S().fdForkSpare = -1;
+}
+
+void KvSegmentForkChild()
+{
+    KvSegmentStatics& s = S();
+    if (s.lockCritSec.IsOpen())
+        s.lockCritSec.ResetAfterFork();
+    if (!KvIsAttachedShared()) {
+        KvCloseDescriptor(s.fdForkSpare);
+        s.fdForkSpare = -1;
+        return;
+    }
+    if (s.fdForkSpare >= 0)
+        s.shmSegment.AdoptDescription(s.fdForkSpare);
+    else if (s.shmSegment.Reopen())
+        KvFlockShared(s.shmSegment.m_fd);
+    s.fdForkSpare = -1;
+    KvGranularity::_hMem = s.shmSegment.m_fd;
+    __atomic_add_fetch(&KvGranularity::_poinf->_cAllocSharedMem, KvGranularity::_s_cThisApplicationsAccess,
+                       __ATOMIC_SEQ_CST);
+}
+
+void KvRegisterSegmentForkHandlers()
+{
+    static bool s_fDone = false;
+    if (!s_fDone) {
+        s_fDone = true;
+        KvAtFork(&KvSegmentForkPrepare, &KvSegmentForkParent, &KvSegmentForkChild);
     }
 }
 
@@ -59,27 +112,48 @@ void KvSegmentAfterFork()
 // dead namespace left behind and creates it. Runs under KVCRITSEC.
 bool KvOpenOrCreateSegment(const std::string& strName, uint32_t size, bool* pfCreated)
 {
+    KvShmObject& shm = S().shmSegment;
     *pfCreated = false;
     bool fNew = false;
-    if (s_shmSegment.OpenOrCreate(strName, 0, false, &fNew)) {
-        if (!KvFlockTryExclusive(s_shmSegment.m_fd)) {
+    if (shm.OpenOrCreate(strName, 0, false, &fNew)) {
+        if (!KvFlockTryExclusive(shm.m_fd)) {
             // Live: others hold it. Join with a shared lock of our own.
-            if (s_shmSegment.m_cb < size) {
-                s_shmSegment.Close();
+            if (shm.m_cb < size) {
+                shm.Close();
                 return false;
             }
-            s_shmSegment.m_cb = size;
-            return KvFlockShared(s_shmSegment.m_fd);
+            shm.m_cb = size;
+            return KvFlockShared(shm.m_fd);
         }
-        s_shmSegment.Close();  // stale: every user died
+        shm.Close();  // stale: every user died
     }
-    // Absent or stale: nothing of this namespace is in use; start clean, keeping
-    // the lock object that this process holds.
-    KvUnlinkNamespaceObjects(s_strCritSecName);
-    if (!s_shmSegment.OpenOrCreate(strName, size, true, &fNew))
+    // Absent or stale: nothing of this namespace is attached. Start clean, keeping
+    // the lock this process holds and the named mutexes, which processes may have
+    // opened before attaching (robust mutexes survive their owners).
+    KvUnlinkNamespaceObjects(S().strCritSecName, true);
+    if (!shm.OpenOrCreate(strName, size, true, &fNew))
         return false;
     *pfCreated = fNew;
-    return KvFlockShared(s_shmSegment.m_fd);
+    return KvFlockShared(shm.m_fd);
+}
+
+// Holds KVCRITSEC for a scope (recursive per thread).
+struct KvCritSecScope {
+    KvCritSecScope() { KvEnterCritSec(); }
+    ~KvCritSecScope() { KvExitCritSec(); }
+    KvCritSecScope(const KvCritSecScope&) = delete;
+    KvCritSecScope& operator=(const KvCritSecScope&) = delete;
+};
+
+// Gives up this process's attachment without touching the shared counter.
+void KvDropAttachment()
+{
+    S().shmSegment.Close();
+    S().mtxPools.Close();
+    KvGranularity::_pvBase = nullptr;
+    KvGranularity::_poinf = nullptr;
+    KvGranularity::_aogran = nullptr;
+    KvGranularity::_hMem = -1;
 }
 }  // namespace
 
@@ -87,41 +161,42 @@ bool KvOpenOrCreateSegment(const std::string& strName, uint32_t size, bool* pfCr
 
 void KvInitCritSec()
 {
+    KvSegmentStatics& s = S();
     const std::string strName = KvObjectName("KVCRITSEC");
-    if (s_lockCritSec.IsOpen() && strName == s_strCritSecName)
+    if (s.lockCritSec.IsOpen() && strName == s.strCritSecName)
         return;
-    s_lockCritSec.Close();
-    if (s_lockCritSec.Open("KVCRITSEC"))
-        s_strCritSecName = strName;
+    s.lockCritSec.Close();
+    if (s.lockCritSec.Open("KVCRITSEC"))
+        s.strCritSecName = strName;
 }
 
 void KvEnterCritSec()
 {
     KvInitCritSec();
-    s_lockCritSec.Lock();
+    S().lockCritSec.Lock();
 }
 
 void KvExitCritSec()
 {
-    s_lockCritSec.Unlock();
+    S().lockCritSec.Unlock();
 }
 
 void KvCloseCritSec()
 {
-    s_lockCritSec.Close();
-    s_strCritSecName.clear();
+    S().lockCritSec.Close();
+    S().strCritSecName.clear();
 }
 
 // --- the pool mutex --------------------------------------------------------
 
 void KvGranularity::_LockPools()
 {
-    s_mtxPools.Lock();
+    S().mtxPools.Lock();
 }
 
 void KvGranularity::_UnlockPools()
 {
-    s_mtxPools.Unlock();
+    S().mtxPools.Unlock();
 }
 
 // --- fingerprint -----------------------------------------------------------
@@ -132,7 +207,7 @@ void KvFingerprintAddClass(const char* pszClass, uint32_t cbClass)
     for (unsigned char ch : str)
         s_fingerprint.qwClassHash = (s_fingerprint.qwClassHash ^ ch) * 1099511628211ull;
     s_fingerprint.cClasses += 1;
-    s_strClassList += str;
+    S().strClassList += str;
 }
 
 KvBuildFingerprint KvCurrentFingerprint()
@@ -142,32 +217,30 @@ KvBuildFingerprint KvCurrentFingerprint()
 
 std::string KvFingerprintClassList()
 {
-    return s_strClassList;
+    return S().strClassList;
 }
 
 bool KvIsSharedSegmentAttached()
 {
-    return KvGranularity::_pvBase != nullptr && !s_fPrivate;
+    return KvGranularity::_pvBase != nullptr && !S().fPrivate;
 }
 
 // --- attachment ------------------------------------------------------------
 
 bool KvAllocNamedSharedMem(void** ppvBase, const char* pszName, uint32_t size, uint32_t cbCommitted)
 {
+    KvSegmentStatics& s = S();
     bool fCreated = false;
     KvEnterCritSec();
     if (*ppvBase == nullptr) {
-        if (KvOpenOrCreateSegment(KvObjectName(pszName), size, &fCreated) && s_shmSegment.Map() &&
-            s_mtxPools.OpenOrCreate("OGRAN.MTX", true)) {
-            *ppvBase = s_shmSegment.m_pv;
-            KvGranularity::_hMem = s_shmSegment.m_fd;
-            s_fPrivate = false;
-            if (!s_fForkHandlerSet) {
-                s_fForkHandlerSet = true;
-                KvAtForkChild(&KvSegmentAfterFork);
-            }
+        if (KvOpenOrCreateSegment(KvObjectName(pszName), size, &fCreated) && s.shmSegment.Map() &&
+            s.mtxPools.OpenOrCreate("OGRAN.MTX", true)) {
+            *ppvBase = s.shmSegment.m_pv;
+            KvGranularity::_hMem = s.shmSegment.m_fd;
+            s.fPrivate = false;
+            KvRegisterSegmentForkHandlers();
         } else {
-            s_shmSegment.Close();
+            s.shmSegment.Close();
             *ppvBase = nullptr;
             fCreated = false;
         }
@@ -184,7 +257,8 @@ bool KvAllocNamedSharedMem(void** ppvBase, const char* pszName, uint32_t size, u
     return fCreated;
 }
 
-// Refuses a segment made by another build: detaches again and throws.
+// Refuses a segment made by another build: detaches again and throws. Indices of
+// delete functions and layouts would not agree, and sharing would corrupt the tree.
 static void KvCheckFingerprint(const char* pszName)
 {
     const KvBuildFingerprint* pfp = KvSegmentFingerprint();
@@ -196,19 +270,19 @@ static void KvCheckFingerprint(const char* pszName)
              "(word size %u, %u shared classes); this process (word size %u, %u shared classes) cannot share it",
              pszName, pfp->dwWordSize, pfp->cClasses, s_fingerprint.dwWordSize, s_fingerprint.cClasses);
     KvGranularity::_s_cThisApplicationsAccess -= 1;
-    KvEnterCritSec();
-    s_shmSegment.Close();
-    KvExitCritSec();
-    KvGranularity::_pvBase = nullptr;
-    KvGranularity::_hMem = -1;
+    KvDropAttachment();
     KvGranThrow(sz);
 }
 
 int32_t KvGranularity::_AllocSharedMem(uint32_t size, const char* pszName)
 {
+    // The header is set up (or checked) before any other process can join, so a
+    // joiner never sees a half-made header.
+    KvCritSecScope lock;
     const bool fAlready = _pvBase != nullptr;
     const bool fFirst = KvAllocNamedSharedMem(reinterpret_cast<void**>(&_pvBase), pszName, size, KVGRAN_HEADER_SIZE);
     if (_pvBase == nullptr) {
+        _s_cThisApplicationsAccess -= 1;  // a failed attachment is none
         char sz[300];
         snprintf(sz, sizeof(sz), "KvGranularity::_AllocSharedMem pszName=%s _pvBase=%x", pszName, 0);
         KvGranThrow(sz);
@@ -219,16 +293,16 @@ int32_t KvGranularity::_AllocSharedMem(uint32_t size, const char* pszName)
         KvCheckFingerprint(pszName);
     _Init(fFirst);
     _stMax = size;
-    return _poinf->_cAllocSharedMem;
+    return __atomic_load_n(&_poinf->_cAllocSharedMem, __ATOMIC_SEQ_CST);
 }
 
 void KvGranularity::_AllocMem(uint32_t size)
 {
-    void* pv = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (pv == MAP_FAILED)
+    void* pv = KvReserveMemory(size);
+    if (pv == nullptr)
         KvGranThrow("Out of memory in KvGranularity::AllocMem()");
     _pvBase = static_cast<char*>(pv);
-    s_fPrivate = true;
+    S().fPrivate = true;
     _stMax = size;
     _Init(true);
     _s_cThisApplicationsAccess += 1;
@@ -240,7 +314,7 @@ void KvGranularity::_Init(bool fFirst)
     _poinf = reinterpret_cast<Info*>(_pvBase);
     if (!fFirst) {
         _aogran = reinterpret_cast<KvGranularity*>(_poinf->_agran);
-        _poinf->_cAllocSharedMem += 1;
+        __atomic_add_fetch(&_poinf->_cAllocSharedMem, 1, __ATOMIC_SEQ_CST);
         return;
     }
     _poinf->_pvRootObj = KvsPtr<char>::FromOffset(KVGRAN_HEADER_SIZE);
@@ -260,31 +334,31 @@ int32_t KvGranularity::_FreeMem()
 {
     if (_pvBase == nullptr)
         return -1;
-    _poinf->_cAllocSharedMem -= 1;
-    const int32_t cRemaining = _poinf->_cAllocSharedMem;
+    // Attachments and releases of several processes meet here without a common
+    // lock (joining runs under KVCRITSEC, releasing under the caller's), so the
+    // counter moves atomically.
+    const int32_t cRemaining = __atomic_sub_fetch(&_poinf->_cAllocSharedMem, 1, __ATOMIC_SEQ_CST);
     const bool fRelease = _s_cThisApplicationsAccess == 1;
     _s_cThisApplicationsAccess -= 1;
     if (!fRelease)
         return cRemaining;
-    if (s_fPrivate) {
-        munmap(_pvBase, _stMax);
-        s_fPrivate = false;
+    if (S().fPrivate) {
+        KvReleaseMemory(_pvBase, _stMax);
+        S().fPrivate = false;
     } else {
+        KvCloseWatcherMappings();
         // The last user (no other description holds a lock) removes the namespace.
-        KvEnterCritSec();
-        const bool fLast = KvFlockTryExclusive(s_shmSegment.m_fd);
-        s_shmSegment.Close();
-        s_mtxPools.Close();
+        KvCritSecScope lock;
+        const bool fLast = KvFlockTryExclusive(S().shmSegment.m_fd);
+        S().shmSegment.Close();
+        S().mtxPools.Close();
         if (fLast)
             KvUnlinkNamespaceObjects("");
-        KvExitCritSec();
     }
-    // The base is forgotten, so that a later attachment of this process maps afresh
-    // instead of reading through a mapping that no longer exists.
-    _pvBase = nullptr;
-    _poinf = nullptr;
-    _aogran = nullptr;
-    _hMem = -1;
+    // The base is forgotten (unlike the original, which kept it), so that a later
+    // attachment maps afresh and a second release returns -1 instead of touching
+    // a mapping that no longer exists.
+    KvDropAttachment();
     return cRemaining;
 }
 
@@ -292,6 +366,8 @@ int32_t KvGranularity::_FreeMem()
 
 void* KvGranularity::_SetRoot(void* pv, int index)
 {
+    if (_poinf == nullptr || index < 0 || index >= 16)
+        return nullptr;  // a slot that does not exist is never written
     void* pvOld = _CalcPtr(_poinf->_aptrRoot[index]);
     _poinf->_aptrRoot[index] = _CalcOffset(pv);
     return pvOld;
@@ -299,6 +375,8 @@ void* KvGranularity::_SetRoot(void* pv, int index)
 
 void* KvGranularity::_GetRoot(int index)
 {
+    if (_poinf == nullptr || index < 0 || index >= 16)
+        return nullptr;
     return _CalcPtr(_poinf->_aptrRoot[index]);
 }
 
@@ -309,18 +387,23 @@ void* KvGranularity::_GetRootObj()
 
 bool KvGranularity::_IsPointerInComittedRange(const void* pv)
 {
-    const char* pch = static_cast<const char*>(pv);
-    return pch >= _pvBase + KVGRAN_HEADER_SIZE && pch < _poinf->_pchNextCommit.Get() - 7;
+    if (_poinf == nullptr)
+        return false;
+    // Compared as integers: pv may point anywhere, also outside the segment.
+    const uintptr_t uBase = reinterpret_cast<uintptr_t>(_pvBase);
+    const uintptr_t u = reinterpret_cast<uintptr_t>(pv);
+    return u >= uBase + KVGRAN_HEADER_SIZE && u + 7 < uBase + _poinf->_pchNextCommit.Offset();
 }
 
 int32_t KvGranularity::_QueryCountAllocSharedMem()
 {
-    return _poinf->_cAllocSharedMem;
+    return _poinf != nullptr ? __atomic_load_n(&_poinf->_cAllocSharedMem, __ATOMIC_SEQ_CST) : 0;
 }
 
 void KvGranularity::_DecCountAllocSharedMem()
 {
-    _poinf->_cAllocSharedMem -= 1;
+    if (_poinf != nullptr)
+        __atomic_sub_fetch(&_poinf->_cAllocSharedMem, 1, __ATOMIC_SEQ_CST);
 }
 
 // --- handles closed at exit ------------------------------------------------
@@ -344,7 +427,7 @@ void KvCloseHandles()
 {
     for (int i = 0; i < s_cHandles; ++i) {
         if (s_aphHandles[i] != nullptr && *s_aphHandles[i] >= 0) {
-            close(*s_aphHandles[i]);
+            KvCloseDescriptor(*s_aphHandles[i]);
             *s_aphHandles[i] = -1;
         }
         s_aphHandles[i] = nullptr;

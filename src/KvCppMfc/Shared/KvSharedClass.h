@@ -44,17 +44,29 @@ void KvRegisterSharedClass(const char* pszName)
 // Creates an X in a block of X's size class: the delete-function index is written
 // first, then the constructor runs (it leaves that word alone). The block goes
 // back to its pool if the constructor throws.
+//
+// The index is written again after the constructor: the compiler may treat the
+// store before a constructor as dead (the object's lifetime begins with it), and
+// a class whose constructor leaves the word alone would then keep the zero of the
+// fresh block. A class that was never registered has no delete function another
+// process could call: creating one is refused.
 template <class X, class... A>
 X* KvNewShared(A&&... args)
 {
+    const int32_t iIndex = X::sm_iDeleteFunction;
+    if (iIndex <= 0)
+        KvGranThrow("KvNewShared(): the class's delete function is not registered");
     void* pv = KvGranularity::_Alloc(sizeof(X), nullptr);
-    *static_cast<int32_t*>(pv) = X::sm_iDeleteFunction;
+    *static_cast<int32_t*>(pv) = iIndex;
+    X* p = nullptr;
     try {
-        return ::new (pv) X(std::forward<A>(args)...);
+        p = ::new (pv) X(std::forward<A>(args)...);
     } catch (...) {
         KvGranularity::_Free(pv, sizeof(X), nullptr);
         throw;
     }
+    *static_cast<int32_t*>(pv) = iIndex;
+    return p;
 }
 
 // Deletes any shared object through the delete function named by its first field.

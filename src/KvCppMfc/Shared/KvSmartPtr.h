@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 
 #include "../Diag/KvDebugOutput.h"
 #include "KvSharedClass.h"
@@ -98,6 +99,8 @@ public:
     KvSmartPtr() = default;
     explicit KvSmartPtr(KvSmartPtrNewObject) { Create(); }
     KvSmartPtr(const KvSmartPtr& o) : m_p(o.m_p) { AddRef(); }
+    // Moving hands the unit over: no walk of the ancestor chain.
+    KvSmartPtr(KvSmartPtr&& o) noexcept : m_p(o.m_p) { o.m_p = KvsPtr<T>(); }
     template <class U>
     KvSmartPtr(const KvSmartPtr<U>& o) : m_p(KvsPtr<T>::FromOffset(o.Offset()))
     {
@@ -105,7 +108,21 @@ public:
     }
     // Takes a new counted reference on an object given by address (may be null).
     explicit KvSmartPtr(T* p) : m_p(p) { AddRef(); }
-    ~KvSmartPtr() { RmvRef(); }
+    // May throw: a fault while releasing (a stale or wrecked object) becomes the
+    // library's exception inside an exported call, which must reach the frame.
+    // While another exception unwinds, a second one would end the process, so a
+    // fault then is dropped: the object it concerned was unusable anyway.
+    ~KvSmartPtr() noexcept(false)
+    {
+        if (std::uncaught_exceptions() == 0) {
+            RmvRef();
+            return;
+        }
+        try {
+            RmvRef();
+        } catch (...) {
+        }
+    }
 
     KvSmartPtr& operator=(const KvSmartPtr& o)
     {
@@ -113,6 +130,15 @@ public:
             o.AddRef();
             RmvRef();
             m_p = o.m_p;
+        }
+        return *this;
+    }
+    KvSmartPtr& operator=(KvSmartPtr&& o)
+    {
+        if (this != &o) {
+            RmvRef();
+            m_p = o.m_p;
+            o.m_p = KvsPtr<T>();
         }
         return *this;
     }
@@ -198,7 +224,17 @@ public:
     explicit KvChildPtr(T* p) : m_p(p) { AddChild(); }
     KvChildPtr(const KvChildPtr&) = delete;
     KvChildPtr& operator=(const KvChildPtr&) = delete;
-    ~KvChildPtr() { Release(); }
+    ~KvChildPtr() noexcept(false)  // may throw, as ~KvSmartPtr
+    {
+        if (std::uncaught_exceptions() == 0) {
+            Release();
+            return;
+        }
+        try {
+            Release();
+        } catch (...) {
+        }
+    }
 
     // Holds a new child unit on p, after releasing the one held before.
     void Set(T* p)
@@ -235,6 +271,7 @@ private:
     KvsPtr<T> m_p;
 };
 #pragma pack(pop)
+static_assert(sizeof(KvChildPtr<KvSmartPtrTarget>) == 4, "a child pointer is one offset");
 
 // --- KvSmartPtrTarget members that need KvSmartPtr ----------------------------
 

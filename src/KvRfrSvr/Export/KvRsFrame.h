@@ -1,0 +1,92 @@
+// KvRsFrame.h - the boundary of the library: its run state, the global mutex and
+// the frame that every exported function wraps around its body.
+//
+// The frame gives the neutral result first, takes the global mutex, opens a
+// fault frame (hardware faults become KvRsException), runs the body and answers
+// any failure with tones and a message box, so that nothing crosses the boundary.
+// The mutex is released on every path.
+#pragma once
+
+#include <utility>
+
+#include "KvCppMfc/Platform/KvPlatform.h"
+#include "KvRsException.h"
+
+// Run state of the library in this process.
+enum class KvRsState { Loaded, Running, Failed, Stopped };
+extern KvRsState g_eKvRsState;
+inline bool KvRsIsRunning()
+{
+    return g_eKvRsState == KvRsState::Running;
+}
+
+// The global mutex "KVRFRSVR_GLOBAL_MUTEX" (recursive per thread, robust).
+void KvRsLockGlobal();
+void KvRsUnlockGlobal();
+
+// Holds the global mutex for a scope.
+struct KvRsGlobalLock {
+    KvRsGlobalLock() { KvRsLockGlobal(); }
+    ~KvRsGlobalLock() { KvRsUnlockGlobal(); }
+    KvRsGlobalLock(const KvRsGlobalLock&) = delete;
+    KvRsGlobalLock& operator=(const KvRsGlobalLock&) = delete;
+};
+
+// Answers of the frame: three tones and the exception's box; or the box
+// "Exception in file KvRfrSvr/Export, line <nLine>".
+void KvRsReportException(const KvRsException& ex);
+void KvRsReportUnknown(int nLine);
+
+// Turns a fault record into the library's exception (installed as the fault
+// thrower). Also used to raise an access violation explicitly where the code
+// would otherwise read through a null or out-of-segment object.
+[[noreturn]] void KvRsThrowFault(const KvFaultInfo& info);
+[[noreturn]] void KvRsRaiseAccessViolation(const void* pvData);
+
+// What a guarded run caught.
+enum class KvRsCaught { Nothing, RsException, Other };
+
+// Runs body inside a fault frame and a try block; says what it caught and keeps
+// a caught KvRsException in *pex. The report is made by the caller, outside the
+// fault frame, so that a fault while reporting is not translated again.
+template <class Body>
+KvRsCaught KvRsRunGuarded(Body&& body, KvRsException* pex)
+{
+    KvFaultFrame frame;
+    try {
+        body();
+    } catch (const KvRsException& ex) {
+        *pex = ex;
+        return KvRsCaught::RsException;
+    } catch (...) {
+        return KvRsCaught::Other;
+    }
+    return KvRsCaught::Nothing;
+}
+
+// The frame around a body without result. nLine is the exported function's line,
+// reported by the catch-all answer.
+template <class Body>
+void KvRsFramed(int nLine, Body&& body)
+{
+    if (!KvRsIsRunning())
+        return;
+    KvRsGlobalLock lock;
+    KvRsException ex{nullptr, nullptr};
+    const KvRsCaught caught = KvRsRunGuarded(std::forward<Body>(body), &ex);
+    if (caught == KvRsCaught::RsException)
+        KvRsReportException(ex);
+    else if (caught == KvRsCaught::Other)
+        KvRsReportUnknown(nLine);
+}
+
+// The frame around a body that fills a result of type R. The result starts
+// neutral (0, false, null, empty proxy); after a failure the caller gets it as
+// far as the body had set it.
+template <class R, class Body>
+R KvRsFramedResult(int nLine, Body&& body)
+{
+    R result{};
+    KvRsFramed(nLine, [&] { body(result); });
+    return result;
+}

@@ -1,0 +1,75 @@
+// KvRsHandles.h - handles (segment offset + id) and the library side of proxies.
+//
+// A handle is turned into a counted reference without validation: the id and the
+// function text are carried for the caller's benefit only, and a stale handle is
+// used as it is. The one guard kept is that an offset outside the segment is
+// answered as the access violation it would be, instead of reaching memory of
+// this process that is not the segment.
+#pragma once
+
+#include <cstdint>
+
+#include "KvCppMfc/Pool/KvGranularity.h"
+#include "KvCppMfc/Shared/KvSmartPtr.h"
+#include "KvRfrSvr.h"
+#include "KvRfrSvr/Internal/CRsObj.h"
+#include "KvRsFrame.h"
+
+// Segment offset carried in a handle, and back.
+inline uint32_t KvRsHandleOffset(const void* handle)
+{
+    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(handle));
+}
+inline void* KvRsOffsetHandle(uint32_t ofs)
+{
+    return reinterpret_cast<void*>(static_cast<uintptr_t>(ofs));
+}
+
+// Address of the object a non-null handle names; an offset outside the mapped
+// segment raises an access violation.
+void* KvRsHandleAddress(void* handle);
+
+// A counted reference to the object at handle, typed as the caller expects
+// (null for a null handle). No id, type or liveness check: deliberate.
+template <class T>
+KvSmartPtr<T> KvRsHandle2(void* handle, unsigned long /*id*/, const char* /*pszFunc*/)
+{
+    if (handle == nullptr)
+        return KvSmartPtr<T>();
+    return KvSmartPtr<T>(static_cast<T*>(KvRsHandleAddress(handle)));
+}
+
+KvSmartPtr<CRsObj> KvRsHandle2Ptr(void* handle, unsigned long id, const char* pszFunc);
+
+// The object of a counted reference that a body is about to use; a null one
+// raises the access violation that using it would cause.
+template <class T>
+T* KvRsUse(const KvSmartPtr<T>& ptr)
+{
+    if (ptr.IsNull())
+        KvRsRaiseAccessViolation(nullptr);
+    return ptr.Get();
+}
+
+// Library side of the proxies: counts are changed directly, since this runs
+// inside an exported call that already holds the global mutex.
+struct KvRsProxyAccess {
+    // Releases what the proxy held, then names pObj (null: empty) and takes one
+    // counted reference on it.
+    static void Assign(KvRsProxy& proxy, CRsObj* pObj);
+    // Releases the reference the proxy holds and empties it.
+    static void Release(KvRsProxy& proxy);
+};
+
+// SetProxy: the object must not be null (a null one is the access violation of
+// reading its id). SetProxySafe: a null object gives an empty proxy.
+template <class T>
+void KvRsSetProxy(KvRsProxy& proxy, const KvSmartPtr<T>& ptr)
+{
+    KvRsProxyAccess::Assign(proxy, KvRsUse(ptr));
+}
+template <class T>
+void KvRsSetProxySafe(KvRsProxy& proxy, const KvSmartPtr<T>& ptr)
+{
+    KvRsProxyAccess::Assign(proxy, ptr.Get());
+}

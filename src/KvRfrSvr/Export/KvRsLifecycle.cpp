@@ -1,0 +1,206 @@
+// KvRsLifecycle.cpp - start-up when the library is loaded, the clean-ups at
+// process exit (and dlclose), the fork child, and the global mutex.
+//
+// Start-up runs from a load-time initialiser. It must run after every static
+// object of the library has been initialised; the build places this file last
+// among the library's objects, and .init_array runs in link order. The clean-up
+// is registered with atexit() at the end of start-up, so it runs before the
+// destructors of those statics (and, from a shared library, at dlclose too).
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "KvCppMfc/Diag/KvDebugOutput.h"
+#include "KvCppMfc/Pool/KvGranularity.h"
+#include "KvRfrSvr.h"
+#include "KvRfrSvr/Internal/CRsModel.h"
+#include "KvRsFrame.h"
+
+namespace {
+
+const uint32_t KVRS_SEGMENT_SIZE = 0x4000000;
+KvNamedMutex s_mtxGlobal;  // "KVRFRSVR_GLOBAL_MUTEX"
+
+// Runs one step of start-up or clean-up under the fault translation of the frame.
+// A failure is reported on standard error and the next step still runs: a
+// clean-up must never crash the process, whatever state the tree is in.
+template <class Step>
+bool KvRsRunStep(const char* pszStep, Step&& step)
+{
+    KvRsException ex{nullptr, nullptr};
+    const KvRsCaught caught = KvRsRunGuarded(std::forward<Step>(step), &ex);
+    if (caught == KvRsCaught::Nothing)
+        return true;
+    const char* pszWhat = nullptr;
+    if (caught == KvRsCaught::RsException)
+        pszWhat = ex.m_pszText;
+    char sz[600];
+    snprintf(sz, sizeof(sz), "%s failed%s%s", pszStep, pszWhat != nullptr ? ": " : "",
+             pszWhat != nullptr ? pszWhat : "");
+    KvMessageBox(sz, KVRS_DLL_NAME);
+    return false;
+}
+
+// Root slot 2 holds the root's counted reference; the first process makes it.
+void KvRsCreateRootIfMissing()
+{
+    if (KvGranularity::_GetRoot(KVRS_ROOT_SLOT) != nullptr)
+        return;
+    KvSmartPtr<CRsNode> ptrRoot(KvNewObject);
+    KvGranularity::_SetRoot(ptrRoot.Detach(), KVRS_ROOT_SLOT);  // the slot keeps the reference
+}
+
+// A default queue of this process, named as every process's default queue.
+void KvRsCreateDefaultQueue()
+{
+    g_ptrThisPrcsQueue.NewObject();
+    g_ptrThisPrcsQueue->SetName(KVRS_DEFAULT_QUEUE_NAME);
+}
+
+// Process detach: this process's connections, queue entries and messages leave
+// the tree.
+void KvRsDetachCleanUp()
+{
+    KvSmartPtr<CRsNode> ptrRoot = GetRoot();
+    if (ptrRoot.IsNotNull() && g_ptrThisPrcsQueue.IsNotNull())
+        ptrRoot->DisconnectProcess(true);
+}
+
+// Every process releases one reference on the root at exit, the creator and every
+// other alike; the root dies (and its slot is cleared) when that was its last.
+void KvRsReleaseRoot()
+{
+    void* pvRoot = KvGranularity::_GetRoot(KVRS_ROOT_SLOT);
+    if (pvRoot != nullptr && KvReleaseSmartUnit(static_cast<KvSmartPtrTarget*>(pvRoot)))
+        KvGranularity::_SetRoot(nullptr, KVRS_ROOT_SLOT);
+}
+
+void KvRsAtExit()
+{
+    if (g_eKvRsState != KvRsState::Running) {
+        g_eKvRsState = KvRsState::Stopped;
+        return;
+    }
+    KvRsLockGlobal();
+    g_eKvRsState = KvRsState::Stopped;  // from here on, calls return neutral results
+    KvRsRunStep("KvRfrSvr process detach", [] { KvRsDetachCleanUp(); });
+    KvRsRunStep("KvRfrSvr release of the root", [] { KvRsReleaseRoot(); });
+    KvRsRunStep("KvRfrSvr release of the default queue", [] { g_ptrThisPrcsQueue.RmvRef(); });
+    KvRsRunStep("KvRfrSvr release of the segment", [] { KvGranularity::_FreeMem(); });
+    s_mtxGlobal.Unlock();
+    s_mtxGlobal.Close();
+    KvExitCritSec();
+    KvCloseCritSec();
+}
+
+// fork(): the child is a process of its own. The unit of the inherited default
+// queue belongs to the parent, so it is forgotten, not released; the child makes
+// a queue of its own (the segment layer has already given it an attachment of its
+// own). The atexit clean-up is inherited and then cleans up for the child.
+void KvRsAfterForkChild()
+{
+    if (g_eKvRsState != KvRsState::Running)
+        return;
+    g_ptrThisPrcsQueue.Detach();
+    KvRsGlobalLock lock;
+    KvRsRunStep("KvRfrSvr default queue of the fork child", [] { KvRsCreateDefaultQueue(); });
+}
+
+void KvRsStartUpFailed(const char* pszWhy)
+{
+    char sz[700];
+    snprintf(sz, sizeof(sz),
+             "KvRfrSvr.dll: start-up failed (%s); the library is inactive in this process and every call "
+             "returns its neutral result\n",
+             pszWhy);
+    KvWriteStderr(sz, strlen(sz));
+    g_eKvRsState = KvRsState::Failed;
+}
+
+// A start-up that failed after attaching gives the attachment back.
+void KvRsDetachAfterFailure(const char* pszWhy)
+{
+    KvRsStartUpFailed(pszWhy);
+    KvRsRunStep("KvRfrSvr release of the segment", [] { KvGranularity::_FreeMem(); });
+    s_mtxGlobal.Close();
+}
+
+bool KvRsAttach()
+{
+    KvRsException ex{nullptr, nullptr};
+    const KvRsCaught caught =
+        KvRsRunGuarded([] { KvGranularity::_AllocSharedMem(KVRS_SEGMENT_SIZE, "KVRFRSVR_MEM"); }, &ex);
+    if (caught == KvRsCaught::Nothing && KvGranularity::_pvBase != nullptr)
+        return true;
+    KvRsStartUpFailed(caught == KvRsCaught::RsException ? ex.m_pszText
+                                                         : "the shared segment KVRFRSVR_MEM could not be attached");
+    return false;
+}
+
+bool KvRsOpenGlobalMutex()
+{
+    KvEnterCritSec();
+    const bool fOk = s_mtxGlobal.OpenOrCreate("KVRFRSVR_GLOBAL_MUTEX", true);
+    KvExitCritSec();
+    if (!fOk)
+        KvRsDetachAfterFailure("the global mutex KVRFRSVR_GLOBAL_MUTEX could not be opened");
+    return fOk;
+}
+
+void KvRsStartUp()
+{
+    KvRsRegisterSharedClasses();
+    KvInstallFaultHandler(&KvRsThrowFault);
+    KvInitCritSec();
+    if (!KvRsAttach() || !KvRsOpenGlobalMutex())
+        return;
+    const std::string strDebug = KvApplicationPath() + ".KvRfrSvr.err";
+    OpenDebugEx(strDebug.c_str(), "BDC_DEBUG_FILE");
+    bool fOk;
+    {
+        KvRsGlobalLock lock;  // another process may be starting at the same moment
+        g_eKvRsState = KvRsState::Running;
+        fOk = KvRsRunStep("KvRfrSvr start-up", [] {
+            KvRsCreateRootIfMissing();
+            KvRsCreateDefaultQueue();
+        });
+    }
+    if (!fOk) {
+        KvRsDetachAfterFailure("the root node or the default queue could not be made");
+        return;
+    }
+    KvAtForkChild(&KvRsAfterForkChild);
+    atexit(&KvRsAtExit);
+}
+
+// The load-time start-up: a dynamic initialiser defined after every static of
+// this file, so that it runs after them (within a file, initialisation follows
+// the order of definition; across files, the link order noted above).
+const bool s_fStartUpRun = (KvRsStartUp(), true);
+
+}  // namespace
+
+// --- the global mutex --------------------------------------------------------
+
+void KvRsLockGlobal()
+{
+    s_mtxGlobal.Lock();
+}
+
+void KvRsUnlockGlobal()
+{
+    s_mtxGlobal.Unlock();
+}
+
+void KvRsRequestMutex(void)
+{
+    if (KvRsIsRunning())
+        KvRsLockGlobal();
+}
+
+void KvRsReleaseMutex(void)
+{
+    if (KvRsIsRunning())
+        KvRsUnlockGlobal();
+}

@@ -1,0 +1,123 @@
+// KvRsMsgApi.cpp - exported message and queue functions. The message functions
+// test their handle; the queue functions deliberately do not, so a null queue
+// ends in the frame's report.
+#include "KvRfrSvr/Internal/CRsModel.h"
+#include "KvRsHandles.h"
+
+namespace {
+KvSmartPtr<CRsMsg> KvRsMsg(void* h, unsigned long id, const char* pszFunc)
+{
+    return KvRsHandle2<CRsMsg>(h, id, pszFunc);
+}
+KvSmartPtr<CRsQueue> KvRsQueue(void* h, unsigned long id, const char* pszFunc)
+{
+    return KvRsHandle2<CRsQueue>(h, id, pszFunc);
+}
+}  // namespace
+
+KvRsMsgProxy KvRsCreateMsg(unsigned long type, KvRsValueProxy value, KvRsNodeProxy changedNode, void* hTarget,
+                           unsigned long idTarget)
+{
+    // Deliberately unframed: no mutex, no fault translation, nothing caught. The
+    // caller holds KvRsRequestMutex when others use the library.
+    KvRsMsgProxy result;
+    if (!KvRsIsRunning())
+        return result;
+    KvSmartPtr<CRsMsg> ptrMsg(KvNewObject);
+    KV_CHECK(ptrMsg.IsNotNull(), KVRS_EXPORT_MODULE);
+    ptrMsg->m_dwMsg = static_cast<uint32_t>(type);
+    ptrMsg->m_pvMsgTarget = hTarget;
+    ptrMsg->m_idMsgTarget = static_cast<uint32_t>(idTarget);
+    ptrMsg->m_ptrNode = KvRsHandle2<CRsNode>(changedNode.GetHandle(), changedNode.GetId(), "KvRsCreateMsg:1()");
+    ptrMsg->m_ptrValue = KvRsHandle2<CRsValue>(value.GetHandle(), value.GetId(), "KvRsCreateMsg:2()");
+    KvRsSetProxy(result, ptrMsg);
+    return result;
+}
+
+unsigned long KvRsGetMsgType(void* hMsg, unsigned long idMsg)
+{
+    return KvRsFramedResult<unsigned long>(__LINE__, [&](unsigned long& dwResult) {
+        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg, "KvRsGetMsgType()");
+        if (ptrMsg.IsNotNull())
+            dwResult = ptrMsg->m_dwMsg;
+    });
+}
+
+KvRsValueProxy KvRsGetMsgValue(void* hMsg, unsigned long idMsg)
+{
+    return KvRsFramedResult<KvRsValueProxy>(__LINE__, [&](KvRsValueProxy& result) {
+        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg, "KvRsGetMsgValue()");
+        if (ptrMsg.IsNotNull())
+            KvRsSetProxySafe(result, ptrMsg->m_ptrValue);
+    });
+}
+
+KvRsNodeProxy KvRsGetMsgChangedNode(void* hMsg, unsigned long idMsg)
+{
+    return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
+        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg, "KvRsGetMsgChangedNode()");
+        if (ptrMsg.IsNotNull())
+            KvRsSetProxySafe(result, ptrMsg->m_ptrNode);
+    });
+}
+
+void KvRsGetMsgTarget(void* hMsg, unsigned long idMsg, void*& hTarget, unsigned long& idTarget)
+{
+    KvRsFramed(__LINE__, [&] {
+        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg, "KvRsGetMsgTarget()");
+        if (ptrMsg.IsNull())
+            return;
+        hTarget = ptrMsg->m_pvMsgTarget;
+        idTarget = ptrMsg->m_idMsgTarget;
+    });
+}
+
+KvRsQueueProxy KvRsCreateQueue(const char* name)
+{
+    return KvRsFramedResult<KvRsQueueProxy>(__LINE__, [&](KvRsQueueProxy& result) {
+        KvSmartPtr<CRsQueue> ptrQueue(KvNewObject);
+        ptrQueue->SetName(name);
+        KvRsSetProxy(result, ptrQueue);
+    });
+}
+
+long KvRsGetMsgCount(void)
+{
+    return KvRsFramedResult<long>(__LINE__, [&](long& cResult) { cResult = KvRsUse(g_ptrThisPrcsQueue)->GetMsgCount(); });
+}
+
+KvRsMsgProxy KvRsGetMsg(void)
+{
+    return KvRsFramedResult<KvRsMsgProxy>(__LINE__, [&](KvRsMsgProxy& result) {
+        KvRsSetProxySafe(result, KvRsUse(g_ptrThisPrcsQueue)->GetMsg());
+    });
+}
+
+long KvRsGetQueueMsgCount(void* hQueue, unsigned long idQueue)
+{
+    return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
+        cResult = KvRsUse(KvRsQueue(hQueue, idQueue, "KvRsGetQueueMsgCount(), ptrQueue"))->GetMsgCount();
+    });
+}
+
+KvRsMsgProxy KvRsGetQueueMsg(void* hQueue, unsigned long idQueue)
+{
+    return KvRsFramedResult<KvRsMsgProxy>(__LINE__, [&](KvRsMsgProxy& result) {
+        KvSmartPtr<CRsQueue> ptrQueue = KvRsQueue(hQueue, idQueue, "KvRsGetQueueMsg(), ptrQueue");
+        KvRsSetProxySafe(result, KvRsUse(ptrQueue)->GetMsg());
+    });
+}
+
+unsigned long KvRsGetQueueProcessId(void* hQueue, unsigned long idQueue)
+{
+    return KvRsFramedResult<unsigned long>(__LINE__, [&](unsigned long& dwResult) {
+        dwResult = KvRsUse(KvRsQueue(hQueue, idQueue, "KvRsGetQueueMsgCount(), ptrQueue"))->GetProcessId();
+    });
+}
+
+const char* KvRsGetQueueName(void* hQueue, unsigned long idQueue)
+{
+    return KvRsFramedResult<const char*>(__LINE__, [&](const char*& pszResult) {
+        pszResult = KvRsUse(KvRsQueue(hQueue, idQueue, "KvRsGetQueueMsgCount(), ptrQueue"))->GetName();
+    });
+}

@@ -1,0 +1,154 @@
+// KvRsNodeApi.cpp - exported node functions that are one call of the node: name,
+// type, value, reference, children by name, parent.
+//
+// "Null handle: ignored" functions test the converted node; the others use it as
+// it is, and a null node ends in the frame's report (KvRsUse raises the access
+// violation that using it would be).
+#include <cstring>
+
+#include "KvRfrSvr/Internal/CRsModel.h"
+#include "KvRsHandles.h"
+
+namespace {
+KvSmartPtr<CRsNode> KvRsNode(void* h, unsigned long id, const char* pszFunc)
+{
+    return KvRsHandle2<CRsNode>(h, id, pszFunc);
+}
+
+// A null text given by the caller is the access violation of reading it.
+template <class C>
+C* KvRsPathOrFault(C* psz)
+{
+    if (psz == nullptr)
+        KvRsRaiseAccessViolation(nullptr);
+    return psz;
+}
+}  // namespace
+
+KvRsNodeProxy KvRsGetNode(const char* path)
+{
+    return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
+        KvSmartPtr<CRsNode> ptrRoot = GetRoot();
+        KvRsSetProxySafe(result, KvRsUse(ptrRoot)->GetDescendant(KvRsPathOrFault(path)));
+    });
+}
+
+KvRsNodeProxy KvRsGetChildNode(void* hParent, unsigned long idParent, const char* name)
+{
+    return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
+        KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent, "KvRsGetChildNode(), ptrParent");
+        if (ptrParent.IsNotNull())
+            KvRsSetProxySafe(result, ptrParent->GetChild(KvRsPathOrFault(name)));
+    });
+}
+
+KvRsNodeProxy KvRsGetDescendantNode(void* hParent, unsigned long idParent, const char* path)
+{
+    return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
+        KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent, "KvRsGetDescendantNode(), ptrParent");
+        KvRsSetProxySafe(result, KvRsUse(ptrParent)->GetDescendant(KvRsPathOrFault(path)));
+    });
+}
+
+void KvRsRemoveChildNode(void* hParent, unsigned long idParent, const char* name)
+{
+    KvRsFramed(__LINE__, [&] {
+        KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent, "KvRsRemoveChildNode()");
+        if (ptrParent.IsNotNull())
+            ptrParent->RemoveChild(KvRsPathOrFault(name));
+    });
+}
+
+long KvRsGetChildNodeCount(void* hNode, unsigned long idNode)
+{
+    return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetChildNodeCount()");
+        if (ptrNode.IsNotNull())
+            cResult = ptrNode->GetChildCount();
+    });
+}
+
+void KvRsGetNodeName(void* hNode, unsigned long idNode, char* pszName)
+{
+    KvRsFramed(__LINE__, [&] {
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetNodeName()");
+        if (ptrNode.IsNull())
+            return;
+        const char* pszOwn = ptrNode->GetName();
+        if (pszOwn == nullptr)
+            pszOwn = "";
+        memcpy(KvRsPathOrFault(pszName), pszOwn, strlen(pszOwn) + 1);
+    });
+}
+
+long KvRsGetNodeNameLength(void* hNode, unsigned long idNode)
+{
+    return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetNodeNameLength()");
+        if (ptrNode.IsNotNull() && ptrNode->GetName() != nullptr)
+            cResult = static_cast<long>(strlen(ptrNode->GetName()));
+    });
+}
+
+KvRsNodeProxy KvRsGetNodeParent(void* hNode, unsigned long idNode)
+{
+    return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetNodeParent()");
+        if (ptrNode.IsNotNull())
+            KvRsSetProxySafe(result, KvSmartPtr<CRsNode>(ptrNode->GetParent()));
+    });
+}
+
+unsigned long KvRsGetNodeType(void* hNode, unsigned long idNode)
+{
+    return KvRsFramedResult<unsigned long>(__LINE__, [&](unsigned long& dwResult) {
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetNodeType()");
+        if (ptrNode.IsNotNull())
+            dwResult = ptrNode->GetType();
+    });
+}
+
+void KvRsSetNodeType(void* hNode, unsigned long idNode, unsigned long type)
+{
+    KvRsFramed(__LINE__, [&] {
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsSetNodeType()");
+        if (ptrNode.IsNotNull())
+            ptrNode->SetType(static_cast<uint32_t>(type));
+    });
+}
+
+KvRsValueProxy KvRsGetNodeValue(void* hNode, unsigned long idNode)
+{
+    return KvRsFramedResult<KvRsValueProxy>(__LINE__, [&](KvRsValueProxy& result) {
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetNodeValue()");
+        if (ptrNode.IsNotNull())
+            KvRsSetProxySafe(result, ptrNode->GetValue());
+    });
+}
+
+void KvRsSetNodeValue(void* hNode, unsigned long idNode, void* hValue, unsigned long idValue)
+{
+    KvRsFramed(__LINE__, [&] {
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsSetNodeValue(), ptrNode");
+        KvSmartPtr<CRsValue> ptrValue = KvRsHandle2<CRsValue>(hValue, idValue, "KvRsSetNodeValue(), ptrValue");
+        KvRsUse(ptrNode)->SetValue(ptrValue);
+    });
+}
+
+KvRsNodeProxy KvRsGetRefNode(void* hNode, unsigned long idNode)
+{
+    return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetRefNode()");
+        if (ptrNode.IsNotNull())
+            KvRsSetProxySafe(result, ptrNode->GetRef());
+    });
+}
+
+void KvRsSetRefNode(void* hNode, unsigned long idNode, void* hRef, unsigned long idRef)
+{
+    KvRsFramed(__LINE__, [&] {
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsSetRefNode(), ptrNode");
+        KvSmartPtr<CRsNode> ptrRef = KvRsNode(hRef, idRef, "KvRsSetRefNode(), ptrNodeRef");
+        KvRsUse(ptrNode)->SetRef(ptrRef);
+    });
+}

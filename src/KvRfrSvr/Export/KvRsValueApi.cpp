@@ -1,0 +1,64 @@
+// KvRsValueApi.cpp - exported value functions. All of them test the handle: a
+// null value does nothing and gives the neutral result.
+#include "KvRfrSvr/Internal/CRsModel.h"
+#include "KvRsHandles.h"
+
+namespace {
+KvSmartPtr<CRsValue> KvRsValue(void* h, unsigned long id, const char* pszFunc)
+{
+    return KvRsHandle2<CRsValue>(h, id, pszFunc);
+}
+}  // namespace
+
+KvRsValueProxy KvRsCreateValue(void)
+{
+    return KvRsFramedResult<KvRsValueProxy>(__LINE__, [&](KvRsValueProxy& result) {
+        KvRsSetProxy(result, KvSmartPtr<CRsValue>(KvNewObject));
+    });
+}
+
+unsigned long KvRsGetValueType(void* hValue, unsigned long idValue)
+{
+    return KvRsFramedResult<unsigned long>(__LINE__, [&](unsigned long& dwResult) {
+        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsGetValueType()");
+        if (ptrValue.IsNotNull())
+            dwResult = ptrValue->GetValueType();
+    });
+}
+
+void KvRsSetValueType(void* hValue, unsigned long idValue, unsigned long type)
+{
+    KvRsFramed(__LINE__, [&] {
+        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsSetValueType()");
+        if (ptrValue.IsNotNull())
+            ptrValue->SetValueType(static_cast<uint32_t>(type));
+    });
+}
+
+long KvRsGetValueByteCount(void* hValue, unsigned long idValue)
+{
+    return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
+        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsGetValueByteCount()");
+        if (ptrValue.IsNotNull())
+            cResult = ptrValue->GetByteCount();
+    });
+}
+
+void KvRsGetValueBytes(void* hValue, unsigned long idValue, unsigned char* pb)
+{
+    // A bad caller buffer faults inside the copy and ends in the frame's report.
+    KvRsFramed(__LINE__, [&] {
+        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsGetValueBytes()");
+        if (ptrValue.IsNotNull())
+            ptrValue->GetBytes(pb);
+    });
+}
+
+void KvRsSetValueBytes(void* hValue, unsigned long idValue, unsigned char* pb, long cb)
+{
+    KvRsFramed(__LINE__, [&] {
+        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsSetValueBytes()");
+        if (ptrValue.IsNotNull())
+            ptrValue->SetBytes(pb, static_cast<int32_t>(cb));
+    });
+}

@@ -1,0 +1,119 @@
+// KvrsStats.cpp - `kvrs stats`: how the segment is used. The public API has no
+// such view, so this reads the segment header and the pools through the
+// library's own classes, under the global mutex and the pool mutex, like the
+// library itself.
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "KvCppMfc/Platform/KvPlatform.h"
+#include "KvCppMfc/Pool/KvGranularity.h"
+#include "KvCppMfc/Pool/KvMemoryWatcher.h"
+#include "KvrsCommands.h"
+#include "KvrsCommon.h"
+
+namespace {
+
+struct PoolUse {
+    uint32_t m_cbBlock = 0;
+    uint64_t m_cInUse = 0;  // allocations minus frees, checked and unchecked
+    uint64_t m_cFree = 0;   // blocks waiting on the pool's free list
+};
+
+struct SegmentUse {
+    uint32_t m_cbSize = 0;
+    uint32_t m_cbCommitted = 0;  // end of the committed range
+    uint32_t m_cbCarved = 0;     // bytes carved into blocks after the header zone
+    int32_t m_cAttachments = 0;
+    std::vector<PoolUse> m_vPools;
+};
+
+uint64_t CountFreeBlocks(const KvGranularity& gran)
+{
+    uint64_t c = 0;
+    for (uint32_t ofs = gran._pchHead.Offset(); ofs != 0 && c < (1u << 26); ++c)
+        ofs = *static_cast<const uint32_t*>(KvGranularityStatics::_CalcPtr(ofs));
+    return c;
+}
+
+// Reads the header and walks the free lists; the caller holds the global mutex.
+SegmentUse ReadSegmentUse()
+{
+    SegmentUse use;
+    const KvGranularity::Info* pInfo = KvGranularity::_poinf;
+    use.m_cbSize = KvGranularity::_stMax;
+    use.m_cbCommitted = pInfo->_pchNextCommit.Offset();
+    use.m_cbCarved = pInfo->_pchNextFree.Offset() - KVGRAN_HEADER_SIZE;
+    use.m_cAttachments = KvGranularity::_QueryCountAllocSharedMem();
+    KvGranularity::_LockPools();
+    for (uint32_t i = 0; i < KvGranularity::_GetGranularityCount(); ++i) {
+        const KvGranularity& gran = *KvGranularity::_GetGranularity(i);
+        if (gran._stSize == 0)
+            continue;
+        PoolUse p;
+        p.m_cbBlock = gran._stSize;
+        // Frees are counted downwards: the sum wraps to the net count.
+        p.m_cInUse = gran._cAllocChecked + gran._cFreeChecked + gran._cNetUnchecked;
+        p.m_cFree = CountFreeBlocks(gran);
+        use.m_vPools.push_back(p);
+    }
+    KvGranularity::_UnlockPools();
+    return use;
+}
+
+void PrintText(const SegmentUse& use)
+{
+    printf("namespace    %s\n", KvNamespace().c_str());
+    printf("segment      %u bytes, committed %u, carved into blocks %u\n", use.m_cbSize, use.m_cbCommitted,
+           use.m_cbCarved);
+    printf("attachments  %d\n", use.m_cAttachments);
+    printf("\n%12s %12s %12s\n", "block size", "in use", "free");
+    for (const PoolUse& p : use.m_vPools)
+        if (p.m_cInUse != 0 || p.m_cFree != 0)
+            printf("%12u %12llu %12llu\n", p.m_cbBlock, static_cast<unsigned long long>(p.m_cInUse),
+                   static_cast<unsigned long long>(p.m_cFree));
+    printf("\nmemory state:\n");
+    fflush(stdout);
+    // About 400 KiB: too large for the stack.
+    auto pState = std::make_unique<KvGranularityMemoryState>();
+    pState->Checkpoint();
+    pState->DumpStatisticsToStdOut();
+}
+
+void PrintJson(const SegmentUse& use)
+{
+    printf("{\"namespace\":%s,\"size\":%u,\"committed\":%u,\"carved\":%u,\"attachments\":%d,\"pools\":[",
+           KvrsJsonString(KvNamespace()).c_str(), use.m_cbSize, use.m_cbCommitted, use.m_cbCarved,
+           use.m_cAttachments);
+    for (size_t i = 0; i < use.m_vPools.size(); ++i)
+        printf("%s{\"block\":%u,\"inUse\":%llu,\"free\":%llu}", i ? "," : "", use.m_vPools[i].m_cbBlock,
+               static_cast<unsigned long long>(use.m_vPools[i].m_cInUse),
+               static_cast<unsigned long long>(use.m_vPools[i].m_cFree));
+    printf("]}\n");
+}
+
+void RunStats(bool bJson)
+{
+    KvRsRequestMutex();
+    if (KvGranularity::_poinf == nullptr || KvGranularity::_aogran == nullptr) {
+        KvRsReleaseMutex();
+        throw KvrsError(KVRS_EXIT_FAILED, "no segment is attached in namespace " + KvNamespace());
+    }
+    const SegmentUse use = ReadSegmentUse();
+    if (bJson)
+        PrintJson(use);
+    else
+        PrintText(use);
+    KvRsReleaseMutex();
+}
+
+}  // namespace
+
+void KvrsAddStatsCommand(CLI::App& app)
+{
+    auto bJson = std::make_shared<bool>(false);
+    CLI::App* sub = app.add_subcommand("stats", "Segment use: sizes, blocks per pool, memory state, attachments");
+    sub->add_flag("--json", *bJson, "Sizes and pools as one JSON object");
+    sub->callback([bJson] { RunStats(*bJson); });
+}
