@@ -76,7 +76,8 @@ if [ $short = 0 ]; then
     echo
     echo "Machine: $(nproc) CPUs ($cpu), $mem, $os, g++ $cxx."
     echo "Load average when the run started: $(cut -d' ' -f1-3 /proc/loadavg)."
-    echo "Command: \`make bench\` (Release build, then \`bench/run.sh build/release\`), $(date -u +%Y-%m-%d)."
+    echo "Command: \`bench/run.sh $build\` on a Release build (\`make bench\` builds build/release and runs"
+    echo "\`bench/run.sh build/release\`), $(date -u +%Y-%m-%d)."
     echo
     echo "$table"
     echo "$end"

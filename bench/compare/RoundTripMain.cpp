@@ -2,6 +2,7 @@
 // warm-up, then one latency sample per round trip, reported as median and p99.
 //   compare_roundtrip [--short] [--count N] [--warmup N] [WORD]
 // With WORD, only the peers whose name contains it run (for profiling one).
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,8 +19,25 @@
 
 using namespace kvcmp;
 
+// A partner that died mid-run would leave this process waiting for ever: each
+// peer gets a generous deadline instead (its partner dies with it).
+static const char* s_pszPeer = "";
+static void OnDeadline(int)
+{
+    static const char szText[] = "round trip: deadline passed (partner gone?): ";
+    ssize_t r = write(STDERR_FILENO, szText, sizeof(szText) - 1);
+    r = write(STDERR_FILENO, s_pszPeer, strlen(s_pszPeer));
+    r = write(STDERR_FILENO, "\n", 1);
+    (void)r;
+    _exit(4);
+}
+
 static bool RunPeer(RoundTripPeer& peer, const Options& o, double clockNs)
 {
+    s_pszPeer = peer.Name();
+    signal(SIGALRM, OnDeadline);
+    // 1 ms per round trip on top of a minute: far beyond any healthy run.
+    alarm(static_cast<unsigned>(60 + (o.cWarmup + o.cCount) / 1000));
     if (!peer.Prepare()) {
         fprintf(stderr, "%s: set-up failed\n", peer.Name());
         return false;
@@ -45,6 +63,7 @@ static bool RunPeer(RoundTripPeer& peer, const Options& o, double clockNs)
         d = static_cast<double>(NowNs() - t0) - clockNs;
     }
     const bool fOk = WaitChild(pid);
+    alarm(0);
     peer.Finish();
     if (!fOk) {
         fprintf(stderr, "%s: partner failed\n", peer.Name());

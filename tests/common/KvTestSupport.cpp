@@ -91,10 +91,14 @@ int KvTestWait(pid_t pid, int cSeconds)
 
 std::string KvTestUseFreshNamespace()
 {
+    // Derived from the namespace the process started with, so that repeated
+    // calls in one process do not keep lengthening the name.
     static int s_c = 0;
-    const char* pszBase = getenv("KVRFRSVR_NAMESPACE");
-    std::string str = std::string(pszBase != nullptr && *pszBase ? pszBase : "t") + "." +
-                      std::to_string(getpid()) + "." + std::to_string(++s_c);
+    static const std::string s_strBase = [] {
+        const char* psz = getenv("KVRFRSVR_NAMESPACE");
+        return std::string(psz != nullptr && *psz ? psz : "t");
+    }();
+    std::string str = s_strBase + "." + std::to_string(getpid()) + "." + std::to_string(++s_c);
     setenv("KVRFRSVR_NAMESPACE", str.c_str(), 1);
     return str;
 }

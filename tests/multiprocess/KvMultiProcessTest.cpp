@@ -15,8 +15,16 @@
 #include "KvApiTestUtil.h"
 #include "KvRfrSvr.h"
 #include "common/KvTestSupport.h"
+#include "deaths/KvCheckRun.h"
 
 namespace {
+// Every test ends with the consistency check of the segment (the built kvrs, in
+// this test's namespace).
+class KvMultiProcess : public ::testing::Test {
+protected:
+    void TearDown() override { EXPECT_TRUE(KvTreeIsConsistent()); }
+};
+
 void* KvTarget(uintptr_t u)
 {
     return reinterpret_cast<void*>(u);
@@ -71,7 +79,7 @@ KV_CHILD_SCENARIO(Client)
     return fOk ? 0 : 4;
 }
 
-TEST(KvMultiProcess, NotificationReachesAClientInAnotherProcess)
+TEST_F(KvMultiProcess, NotificationReachesAClientInAnotherProcess)
 {
     const pid_t pid = KvTestSpawn("Client");
     ASSERT_TRUE(KvWaitFor([] { return KvExists("sync.client_ready"); }));
@@ -104,7 +112,7 @@ KV_CHILD_SCENARIO(NameByHandle)
     return std::to_string(reinterpret_cast<uintptr_t>(root.GetHandle())) == args.at(2) ? 0 : 4;
 }
 
-TEST(KvMultiProcess, AHandlePassedAsANumberNamesTheSameNodeElsewhere)
+TEST_F(KvMultiProcess, AHandlePassedAsANumberNamesTheSameNodeElsewhere)
 {
     KvRsNodeProxy n = KvRsCreateNode("num.named", nullptr, 0);
     KvRsSetNodeType(n.GetHandle(), n.GetId(), 0x12340000);
@@ -115,7 +123,7 @@ TEST(KvMultiProcess, AHandlePassedAsANumberNamesTheSameNodeElsewhere)
 
 // --- the global mutex between processes ---------------------------------------
 
-TEST(KvMultiProcess, ACallBlocksWhileAnotherProcessHoldsTheMutex)
+TEST_F(KvMultiProcess, ACallBlocksWhileAnotherProcessHoldsTheMutex)
 {
     KvRsRequestMutex();
     const pid_t pid = KvTestSpawn("OneCall");
@@ -135,7 +143,7 @@ KV_CHILD_SCENARIO(HoldMutexForever)
         pause();
 }
 
-TEST(KvMultiProcess, SigkillOfTheMutexHolderLeavesTheMutexAcquirable)
+TEST_F(KvMultiProcess, SigkillOfTheMutexHolderLeavesTheMutexAcquirable)
 {
     const pid_t pid = KvTestSpawn("HoldMutexForever");
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -161,7 +169,7 @@ KV_CHILD_SCENARIO(ConnectAndExit)
     return 0;
 }
 
-TEST(KvMultiProcess, ExitRemovesTheProcessesConnectionsUpToAnotherProcessesEntry)
+TEST_F(KvMultiProcess, ExitRemovesTheProcessesConnectionsUpToAnotherProcessesEntry)
 {
     KvRsNodeProxy n = KvRsCreateNode("clean.n", nullptr, 0);
     KvRsNodeProxy s = KvRsCreateNode("clean.s", nullptr, 0);
@@ -188,7 +196,7 @@ TEST(KvMultiProcess, ExitRemovesTheProcessesConnectionsUpToAnotherProcessesEntry
 
 // --- fork ---------------------------------------------------------------------
 
-TEST(KvMultiProcess, AForkChildIsAProcessOfItsOwn)
+TEST_F(KvMultiProcess, AForkChildIsAProcessOfItsOwn)
 {
     KvRsNodeProxy n = KvRsCreateNode("fork.n", nullptr, 0);
     const pid_t pid = fork();
@@ -249,14 +257,16 @@ KV_CHILD_SCENARIO(WreckTreeAndExit)
     return 0;
 }
 
-TEST(KvMultiProcess, TheLastProcessOfANamespaceLeavesNothingAndExitNeverCrashes)
+TEST_F(KvMultiProcess, TheLastProcessOfANamespaceLeavesNothingAndExitNeverCrashes)
 {
     // Children in a namespace of their own, where this process is not attached.
     KvTestUseFreshNamespace();
     EXPECT_EQ(0, KvTestWait(KvTestSpawn("BuildTree")));
     EXPECT_TRUE(KvTestNamespaceObjects().empty());
     EXPECT_EQ(0, KvTestWait(KvTestSpawn("ExpectEmptyTree")));
+#ifndef KV_SANITIZED  // the sanitizers stop at the wrecked tree's first bad read, before it faults
     EXPECT_EQ(0, KvTestWait(KvTestSpawn("WreckTreeAndExit")));
     EXPECT_TRUE(KvTestNamespaceObjects().empty());
     EXPECT_EQ(0, KvTestWait(KvTestSpawn("ExpectEmptyTree")));
+#endif
 }

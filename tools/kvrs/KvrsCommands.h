@@ -16,4 +16,5 @@ void KvrsAddTreeCommand(CLI::App& app);      // tree
 void KvrsAddNodeCommands(CLI::App& app);     // get, set, rm, ref, type
 void KvrsAddNotifyCommands(CLI::App& app);   // notify, listen, serve
 void KvrsAddStatsCommand(CLI::App& app);     // stats
+void KvrsAddCheckCommand(CLI::App& app);     // check
 void KvrsAddDemoCommands(CLI::App& app);     // demo and its hidden publisher role

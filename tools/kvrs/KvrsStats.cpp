@@ -1,7 +1,8 @@
 // KvrsStats.cpp - `kvrs stats`: how the segment is used. The public API has no
 // such view, so this reads the segment header and the pools through the
 // library's own classes, under the global mutex and the pool mutex, like the
-// library itself.
+// library itself. The tree walk of the consistency check finds the queues that
+// outlived their process.
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -10,6 +11,7 @@
 #include "KvCppMfc/Platform/KvPlatform.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvCppMfc/Pool/KvMemoryWatcher.h"
+#include "KvRfrSvr/Internal/CRsCheck.h"
 #include "KvrsCommands.h"
 #include "KvrsCommon.h"
 
@@ -27,6 +29,10 @@ struct SegmentUse {
     uint32_t m_cbCarved = 0;     // bytes carved into blocks after the header zone
     int32_t m_cAttachments = 0;
     std::vector<PoolUse> m_vPools;
+    // Queues that connections still lead to although their process has ended
+    // (killed, so it never detached), and how many broken invariants the walk met.
+    std::vector<CRsQueueUse> m_vEndedQueues;
+    size_t m_cProblems = 0;
 };
 
 uint64_t CountFreeBlocks(const KvGranularity& gran)
@@ -59,6 +65,11 @@ SegmentUse ReadSegmentUse()
         use.m_vPools.push_back(p);
     }
     KvGranularity::_UnlockPools();
+    KvCheckReport report;
+    auto pCensus = std::make_unique<CRsCheckCensus>();
+    CRsCheckSegment(report, pCensus.get());
+    use.m_vEndedQueues = CRsQueuesOfEndedProcesses(*pCensus);
+    use.m_cProblems = report.Problems().size();
     return use;
 }
 
@@ -73,6 +84,12 @@ void PrintText(const SegmentUse& use)
         if (p.m_cInUse != 0 || p.m_cFree != 0)
             printf("%12u %12llu %12llu\n", p.m_cbBlock, static_cast<unsigned long long>(p.m_cInUse),
                    static_cast<unsigned long long>(p.m_cFree));
+    printf("\nqueues of ended processes:%s\n", use.m_vEndedQueues.empty() ? " none" : "");
+    for (const CRsQueueUse& q : use.m_vEndedQueues)
+        printf("  \"%s\" (%s) of process %u: %d messages waiting\n", q.m_strName.c_str(), KvHexOffset(q.m_ofs).c_str(),
+               q.m_dwPrcsId, q.m_cMsgs);
+    if (use.m_cProblems != 0)
+        printf("\nthe tree has %zu consistency problems (see kvrs check)\n", use.m_cProblems);
     printf("\nmemory state:\n");
     fflush(stdout);
     // About 400 KiB: too large for the stack.
@@ -90,7 +107,13 @@ void PrintJson(const SegmentUse& use)
         printf("%s{\"block\":%u,\"inUse\":%llu,\"free\":%llu}", i ? "," : "", use.m_vPools[i].m_cbBlock,
                static_cast<unsigned long long>(use.m_vPools[i].m_cInUse),
                static_cast<unsigned long long>(use.m_vPools[i].m_cFree));
-    printf("]}\n");
+    printf("],\"endedQueues\":[");
+    for (size_t i = 0; i < use.m_vEndedQueues.size(); ++i) {
+        const CRsQueueUse& q = use.m_vEndedQueues[i];
+        printf("%s{\"queue\":%u,\"name\":%s,\"process\":%u,\"messages\":%d}", i ? "," : "", q.m_ofs,
+               KvrsJsonString(q.m_strName).c_str(), q.m_dwPrcsId, q.m_cMsgs);
+    }
+    printf("],\"problems\":%zu}\n", use.m_cProblems);
 }
 
 void RunStats(bool bJson)

@@ -236,6 +236,14 @@ int32_t KvGranularity::_RegisterDeleteFunction(KvDeleteFunction pfn, const char*
     return i;
 }
 
+void KvGranularity::_BadDeleteFunction(void* pv)
+{
+    char sz[128];
+    snprintf(sz, sizeof(sz), "KvGranularity: object at offset 0x%x has no registered delete function",
+             _CalcOffset(pv));
+    KvThrow(sz);
+}
+
 KvDeleteFunction KvGetDeleteFunction(int32_t iIndex)
 {
     return KvGranularity::_GetDeleteFunction(iIndex);

@@ -78,7 +78,15 @@ public:
     static int32_t _RegisterDeleteFunction(KvDeleteFunction pfn);
     // The same, naming the class and its size for the build fingerprint.
     static int32_t _RegisterDeleteFunction(KvDeleteFunction pfn, const char* pszClass, uint32_t cbClass);
-    static KvDeleteFunction _GetDeleteFunction(int32_t iIndex) { return sm_aDeleteFunctions[iIndex]; }
+    // An index that no class registered (a wrecked or stale object) gives a
+    // function that raises, instead of a call through whatever lies there.
+    static KvDeleteFunction _GetDeleteFunction(int32_t iIndex)
+    {
+        if (iIndex <= 0 || iIndex > sm_iDeleteFunctionMax || sm_aDeleteFunctions[iIndex] == nullptr)
+            return &_BadDeleteFunction;
+        return sm_aDeleteFunctions[iIndex];
+    }
+    [[noreturn]] static void _BadDeleteFunction(void* pv);
 
     // --- the pool mutex "OGRAN.MTX" ------------------------------------------
     static void _LockPools();

@@ -1,5 +1,6 @@
 // KvRsValueApi.cpp - exported value functions. All of them test the handle: a
 // null value does nothing and gives the neutral result.
+#include <cstdint>
 #include "KvRfrSvr/Internal/CRsModel.h"
 #include "KvRsHandles.h"
 
@@ -58,7 +59,9 @@ void KvRsSetValueBytes(void* hValue, unsigned long idValue, unsigned char* pb, l
 {
     KvRsFramed(__LINE__, [&] {
         KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsSetValueBytes()");
+        // A count wider than 32 bits (long is 64-bit on x86_64) must be refused,
+        // not cut down to its low bits.
         if (ptrValue.IsNotNull())
-            ptrValue->SetBytes(pb, static_cast<int32_t>(cb));
+            ptrValue->SetBytes(pb, cb > INT32_MAX ? INT32_MAX : static_cast<int32_t>(cb));
     });
 }

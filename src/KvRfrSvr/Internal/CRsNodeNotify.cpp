@@ -1,5 +1,7 @@
 // CRsNodeNotify.cpp - a node's connections, its notification walk and the
 // clean-up of a departing process.
+#include <vector>
+
 #include "CRsNode.h"
 #include "CRsNodeHln.h"
 #include "CRsQueue.h"
@@ -63,33 +65,64 @@ void CRsNode::NotifyClients(unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptr
     NotifyWalk(dwMsg, ptrValue, bRecursive, true, 0);
 }
 
+// The messages of one node: its server's or its clients'.
+static void KvRsNotifyOne(CRsNode* pNode, unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptrValue, bool bClients)
+{
+    if (pNode->m_ptrRefreshInfo.IsNull())
+        return;
+    const KvSmartPtr<CRsNode> ptrNode(pNode);
+    if (bClients)
+        pNode->m_ptrRefreshInfo->NotifyClients(ptrNode, dwMsg, ptrValue);
+    else
+        pNode->m_ptrRefreshInfo->NotifyServer(ptrNode, dwMsg, ptrValue);
+}
+
 // This node first, then its subtree depth first in child order, then, when asked
 // with the through-reference bit, the referenced node's whole subtree (always
 // recursive there, whatever the caller passed). Each message names the node
-// where it was made. The depth bound only stops a reference cycle.
+// where it was made. The walk keeps its own stack, so the depth of a tree never
+// limits it; only a chain of reference crossings longer than KVRS_MAX_WALK_DEPTH
+// (a reference cycle) is reported and cut.
 void CRsNode::NotifyWalk(unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptrValue, bool bRecursive, bool bClients,
                          uint32_t cDepth)
 {
-    if (cDepth >= KVRS_MAX_WALK_DEPTH) {
-        KV_RS_CHECK(cDepth < KVRS_MAX_WALK_DEPTH);
+    // The common case, a node alone, needs no stack.
+    const bool fDescends = bRecursive && IsParent() && m_ptrChildList.IsNotNull() && m_ptrChildList->GetCount() > 0;
+    const bool fCrosses = (dwMsg & KVRS_NOTIFY_THROUGH_REF) != 0 && HasRef() && m_ptrRef.IsNotNull();
+    if (!fDescends && !fCrosses) {
+        KvRsNotifyOne(this, dwMsg, ptrValue, bClients);
         return;
     }
-    if (m_ptrRefreshInfo.IsNotNull()) {
-        const KvSmartPtr<CRsNode> ptrThis(this);
-        if (bClients)
-            m_ptrRefreshInfo->NotifyClients(ptrThis, dwMsg, ptrValue);
-        else
-            m_ptrRefreshInfo->NotifyServer(ptrThis, dwMsg, ptrValue);
-    }
-    if (bRecursive && IsParent() && m_ptrChildList.IsNotNull()) {
-        for (CRsNodeHln* pHln = m_ptrChildList->GetFirst(); pHln != nullptr; pHln = pHln->GetNext()) {
-            KV_RS_CHECK(pHln->m_ptr.IsNotNull());
-            if (pHln->m_ptr.IsNotNull())
-                pHln->m_ptr->NotifyWalk(dwMsg, ptrValue, bRecursive, bClients, cDepth + 1);
+    struct Step {
+        CRsNode* pNode;
+        bool bRecursive;
+        uint32_t cRefHops;
+    };
+    std::vector<Step> stack{{this, bRecursive, cDepth}};
+    std::vector<CRsNode*> children;
+    while (!stack.empty()) {
+        const Step step = stack.back();
+        stack.pop_back();
+        CRsNode* pNode = step.pNode;
+        KvRsNotifyOne(pNode, dwMsg, ptrValue, bClients);
+        // Pushed before the children, so it is taken after the whole subtree.
+        if ((dwMsg & KVRS_NOTIFY_THROUGH_REF) != 0 && pNode->HasRef() && pNode->m_ptrRef.IsNotNull()) {
+            if (step.cRefHops + 1 >= KVRS_MAX_WALK_DEPTH)
+                KV_RS_CHECK(step.cRefHops + 1 < KVRS_MAX_WALK_DEPTH);
+            else
+                stack.push_back({pNode->m_ptrRef.Get(), true, step.cRefHops + 1});
+        }
+        if (step.bRecursive && pNode->IsParent() && pNode->m_ptrChildList.IsNotNull()) {
+            children.clear();
+            for (CRsNodeHln* pHln = pNode->m_ptrChildList->GetFirst(); pHln != nullptr; pHln = pHln->GetNext()) {
+                KV_RS_CHECK(pHln->m_ptr.IsNotNull());
+                if (pHln->m_ptr.IsNotNull())
+                    children.push_back(pHln->m_ptr.Get());
+            }
+            for (auto it = children.rbegin(); it != children.rend(); ++it)
+                stack.push_back({*it, step.bRecursive, step.cRefHops});
         }
     }
-    if ((dwMsg & KVRS_NOTIFY_THROUGH_REF) != 0 && HasRef() && m_ptrRef.IsNotNull())
-        m_ptrRef->NotifyWalk(dwMsg, ptrValue, true, bClients, cDepth + 1);
 }
 
 // --- process clean-up -------------------------------------------------------------------
@@ -99,20 +132,27 @@ void CRsNode::DisconnectProcess(bool bRecursive)
     DisconnectProcessWalk(bRecursive, 0);
 }
 
-// References are not followed: every node is reached through its own parent.
-void CRsNode::DisconnectProcessWalk(bool bRecursive, uint32_t cDepth)
+// References are not followed: every node is reached through its own parent, and
+// a node is never its own ancestor, so the walk ends; it keeps its own stack so
+// that no depth of tree can exhaust the thread's.
+void CRsNode::DisconnectProcessWalk(bool bRecursive, uint32_t)
 {
-    if (cDepth >= KVRS_MAX_WALK_DEPTH) {
-        KV_RS_CHECK(cDepth < KVRS_MAX_WALK_DEPTH);
-        return;
-    }
-    if (m_ptrRefreshInfo.IsNotNull())
-        m_ptrRefreshInfo->DisconnectProcess();
-    if (!bRecursive || !IsParent() || m_ptrChildList.IsNull())
-        return;
-    for (CRsNodeHln* pHln = m_ptrChildList->GetFirst(); pHln != nullptr; pHln = pHln->GetNext()) {
-        KV_RS_CHECK(pHln->m_ptr.IsNotNull());
-        if (pHln->m_ptr.IsNotNull())
-            pHln->m_ptr->DisconnectProcessWalk(bRecursive, cDepth + 1);
+    std::vector<CRsNode*> stack{this};
+    std::vector<CRsNode*> children;
+    while (!stack.empty()) {
+        CRsNode* pNode = stack.back();
+        stack.pop_back();
+        if (pNode->m_ptrRefreshInfo.IsNotNull())
+            pNode->m_ptrRefreshInfo->DisconnectProcess();
+        if (!bRecursive || !pNode->IsParent() || pNode->m_ptrChildList.IsNull())
+            continue;
+        children.clear();
+        for (CRsNodeHln* pHln = pNode->m_ptrChildList->GetFirst(); pHln != nullptr; pHln = pHln->GetNext()) {
+            KV_RS_CHECK(pHln->m_ptr.IsNotNull());
+            if (pHln->m_ptr.IsNotNull())
+                children.push_back(pHln->m_ptr.Get());
+        }
+        for (auto it = children.rbegin(); it != children.rend(); ++it)
+            stack.push_back(*it);
     }
 }

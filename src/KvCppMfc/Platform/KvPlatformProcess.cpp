@@ -1,0 +1,278 @@
+// KvPlatformProcess.cpp - POSIX implementation of the platform layer: process,
+// thread, time and environment queries, fork handling and hardware faults.
+#include "KvPlatform.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+// ---------------------------------------------------------------------------
+// Process, thread, time, environment
+// ---------------------------------------------------------------------------
+
+static uint32_t s_dwPid = 0;
+static void KvRegisterForkHandlers();
+
+uint32_t KvGetCurrentProcessId()
+{
+    if (s_dwPid == 0) {
+        // The fork handler that refreshes the cache is registered before the cache
+        // is first filled, so a fork child never reports its parent's id.
+        KvRegisterForkHandlers();
+        s_dwPid = static_cast<uint32_t>(getpid());
+    }
+    return s_dwPid;
+}
+
+uint32_t KvGetCurrentThreadId()
+{
+    return static_cast<uint32_t>(syscall(SYS_gettid));
+}
+
+bool KvIsProcessAlive(uint32_t dwPid)
+{
+    return dwPid != 0 && (kill(static_cast<pid_t>(dwPid), 0) == 0 || errno == EPERM);
+}
+
+uint32_t KvGetTickCount()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint32_t>(static_cast<uint64_t>(ts.tv_sec) * 1000u +
+                                 static_cast<uint64_t>(ts.tv_nsec) / 1000000u);
+}
+
+std::string KvUtcTimeText()
+{
+    timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    tm tmUtc;
+    time_t t = ts.tv_sec;
+    gmtime_r(&t, &tmUtc);
+    char sz[96];
+    snprintf(sz, sizeof(sz), "%04d-%02d-%02d %02d:%02d:%02d.%03ld", tmUtc.tm_year + 1900,
+             tmUtc.tm_mon + 1, tmUtc.tm_mday, tmUtc.tm_hour, tmUtc.tm_min, tmUtc.tm_sec,
+             static_cast<long>(ts.tv_nsec / 1000000));
+    return sz;
+}
+
+const std::string& KvApplicationPath()
+{
+    static const std::string s_str = [] {
+        char sz[PATH_MAX + 1];
+        ssize_t cch = readlink("/proc/self/exe", sz, PATH_MAX);
+        return cch > 0 ? std::string(sz, static_cast<size_t>(cch)) : std::string();
+    }();
+    return s_str;
+}
+
+int KvGetLastError()
+{
+    return errno;
+}
+
+void KvWriteStderr(const char* pch, size_t cch)
+{
+    while (cch > 0) {
+        ssize_t c = write(STDERR_FILENO, pch, cch);
+        if (c < 0 && errno == EINTR)
+            continue;
+        if (c <= 0)
+            return;
+        pch += c;
+        cch -= static_cast<size_t>(c);
+    }
+}
+
+namespace {
+struct KvForkHandlers {
+    std::vector<void (*)()> vPrepare, vParent, vChild;
+};
+
+KvForkHandlers& KvGetForkHandlers()
+{
+    static KvForkHandlers s_handlers;
+    return s_handlers;
+}
+
+void KvForkPrepare()
+{
+    const auto& v = KvGetForkHandlers().vPrepare;
+    for (auto it = v.rbegin(); it != v.rend(); ++it)  // reverse order, as pthread_atfork does
+        (*it)();
+}
+
+void KvForkParent()
+{
+    for (auto pfn : KvGetForkHandlers().vParent)
+        pfn();
+}
+
+void KvForkChild()
+{
+    s_dwPid = static_cast<uint32_t>(getpid());
+    for (auto pfn : KvGetForkHandlers().vChild)
+        pfn();
+}
+}  // namespace
+
+static void KvRegisterForkHandlers()
+{
+    static std::once_flag s_once;
+    std::call_once(s_once, [] { pthread_atfork(&KvForkPrepare, &KvForkParent, &KvForkChild); });
+}
+
+void KvAtFork(void (*pfnPrepare)(), void (*pfnParent)(), void (*pfnChild)())
+{
+    KvRegisterForkHandlers();
+    KvForkHandlers& h = KvGetForkHandlers();
+    if (pfnPrepare != nullptr)
+        h.vPrepare.push_back(pfnPrepare);
+    if (pfnParent != nullptr)
+        h.vParent.push_back(pfnParent);
+    if (pfnChild != nullptr)
+        h.vChild.push_back(pfnChild);
+}
+
+void KvAtForkChild(void (*pfn)())
+{
+    KvAtFork(nullptr, nullptr, pfn);
+}
+
+// ---------------------------------------------------------------------------
+// Hardware faults
+// ---------------------------------------------------------------------------
+
+thread_local int t_cKvFaultFrames = 0;
+
+// Kept out of line and free of cleanups, so the unwinder passes through this frame
+// and memcpy's to the caller, which sees a call that may throw.
+__attribute__((noinline)) void* KvCopyBytes(void* pvDst, const void* pvSrc, size_t cb)
+{
+    return memcpy(pvDst, pvSrc, cb);
+}
+
+static KvFaultThrower s_pfnFaultThrower = nullptr;
+static struct sigaction s_aOldActions[4];
+static const int s_aFaultSignals[4] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
+
+static uintptr_t KvInstructionPointer(const void* pvContext)
+{
+    if (pvContext == nullptr)
+        return 0;
+    const auto* puc = static_cast<const ucontext_t*>(pvContext);
+#if defined(__x86_64__)
+    return static_cast<uintptr_t>(puc->uc_mcontext.gregs[REG_RIP]);
+#elif defined(__i386__)
+    return static_cast<uintptr_t>(puc->uc_mcontext.gregs[REG_EIP]);
+#else
+    (void)puc;
+    return 0;
+#endif
+}
+
+KvFaultInfo KvFaultInfoFromSignal(int sig, const siginfo_t* psi, const void* pvContext)
+{
+    KvFaultInfo info{};
+    info.pvAddress = KvInstructionPointer(pvContext);
+    switch (sig) {
+    case SIGSEGV: {
+        info.dwCode = 0xC0000005;
+        info.cParams = 2;
+        uintptr_t fWrite = 0;
+#if defined(__x86_64__) || defined(__i386__)
+        // Bit 1 of the page-fault error code tells a write from a read.
+        if (pvContext != nullptr)
+            fWrite = (static_cast<const ucontext_t*>(pvContext)->uc_mcontext.gregs[REG_ERR] & 2) ? 1 : 0;
+#endif
+        info.aParams[0] = fWrite;
+        info.aParams[1] = reinterpret_cast<uintptr_t>(psi != nullptr ? psi->si_addr : nullptr);
+        break;
+    }
+    case SIGFPE: {
+        static const struct {
+            int iSiCode;
+            uint32_t dwCode;
+        } s_aCodes[] = {{FPE_INTDIV, 0xC0000094}, {FPE_INTOVF, 0xC0000095}, {FPE_FLTDIV, 0xC000008E},
+                        {FPE_FLTOVF, 0xC0000091}, {FPE_FLTUND, 0xC0000093}, {FPE_FLTRES, 0xC000008F}};
+        info.dwCode = 0xC0000090;  // any other floating-point fault
+        for (const auto& code : s_aCodes)
+            if (psi != nullptr && psi->si_code == code.iSiCode)
+                info.dwCode = code.dwCode;
+        break;
+    }
+    case SIGILL:
+        info.dwCode = psi != nullptr && psi->si_code == ILL_PRVOPC ? 0xC0000096 : 0xC000001D;
+        break;
+    case SIGBUS:
+        info.dwCode = 0xC0000006;
+        break;
+    default:
+        info.dwCode = 0;
+        break;
+    }
+    return info;
+}
+
+static void KvFaultSignalHandler(int sig, siginfo_t* psi, void* pvContext)
+{
+    if (t_cKvFaultFrames > 0 && s_pfnFaultThrower != nullptr) {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, sig);
+        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+        s_pfnFaultThrower(KvFaultInfoFromSignal(sig, psi, pvContext));
+        return;  // not reached: the thrower throws
+    }
+    // Outside the library: hand the signal to whoever had it before.
+    for (int i = 0; i < 4; ++i) {
+        if (s_aFaultSignals[i] != sig)
+            continue;
+        const struct sigaction& old = s_aOldActions[i];
+        if ((old.sa_flags & SA_SIGINFO) && old.sa_sigaction != nullptr) {
+            old.sa_sigaction(sig, psi, pvContext);
+            return;
+        }
+        if (old.sa_handler == SIG_IGN)
+            return;
+        if (old.sa_handler != SIG_DFL && old.sa_handler != nullptr) {
+            old.sa_handler(sig);
+            return;
+        }
+    }
+    // Default action: restore it. A fault raised by an instruction happens again
+    // when the handler returns; one sent by kill() must be raised anew.
+    signal(sig, SIG_DFL);
+    if (psi == nullptr || psi->si_code <= 0)
+        raise(sig);
+}
+
+void KvInstallFaultHandler(KvFaultThrower pfnThrow)
+{
+    static std::once_flag s_once;
+    s_pfnFaultThrower = pfnThrow;
+    std::call_once(s_once, [] {
+        for (int i = 0; i < 4; ++i) {
+            struct sigaction sa;
+            memset(&sa, 0, sizeof(sa));
+            sa.sa_sigaction = &KvFaultSignalHandler;
+            sa.sa_flags = SA_SIGINFO | SA_NODEFER;
+            sigemptyset(&sa.sa_mask);
+            sigaction(s_aFaultSignals[i], &sa, &s_aOldActions[i]);
+        }
+    });
+}
