@@ -39,6 +39,22 @@ std::string KvTestUseFreshNamespace();
 // Names in /dev/shm that belong to the current namespace.
 std::vector<std::string> KvTestNamespaceObjects();
 
+// Redirects file descriptor 2 into a temporary file until Stop(), which returns
+// what was written.
+class KvStderrCapture {
+public:
+    KvStderrCapture();
+    ~KvStderrCapture();
+    std::string Stop();
+
+private:
+    int m_fdSaved = -1;
+    int m_fdFile = -1;
+};
+
+// Number of non-overlapping occurrences of strWhat in str.
+int KvCountOf(const std::string& str, const std::string& strWhat);
+
 // Net block count (allocations minus frees) of each of the 17 pools, and the
 // header's byte totals, as they stand now.
 struct KvPoolSnapshot {

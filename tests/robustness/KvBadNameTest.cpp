@@ -70,16 +70,16 @@ TEST(KvBadName, PathsOf8192BytesAndMoreAreRefusedShorterOnesWork)
         // limit would find or extend it instead of refusing.
         const std::string strLong(cb, 'n');
         std::string strDots = strDeep + std::string(cb - strDeep.size(), '.');
-        KvRobustStderr capture;
+        KvStderrCapture capture;
         EXPECT_TRUE(KvRsCreateNode(strLong.c_str(), base.GetHandle(), base.GetId()).IsNull());
         EXPECT_TRUE(KvRsCreateNode(strDots.c_str(), base.GetHandle(), base.GetId()).IsNull());
         EXPECT_TRUE(KvRsGetNode(("long." + strLong).c_str()).IsNull());
         EXPECT_TRUE(KvRsGetDescendantNode(base.GetHandle(), base.GetId(), strLong.c_str()).IsNull());
         EXPECT_TRUE(KvRsGetDescendantNode(base.GetHandle(), base.GetId(), strDots.c_str()).IsNull());
         const std::string strErr = capture.Stop();
-        EXPECT_EQ(2, KvRobustCount(strErr, "strlen(path) < 8192 (the path is refused)")) << strErr;
-        EXPECT_EQ(3, KvRobustCount(strErr, "_tcslen(pszPath) < sizeof(szBuf)")) << strErr;
-        EXPECT_EQ(0, KvRobustCount(strErr, "Exception")) << strErr;
+        EXPECT_EQ(2, KvCountOf(strErr, "strlen(path) < 8192 (the path is refused)")) << strErr;
+        EXPECT_EQ(3, KvCountOf(strErr, "_tcslen(pszPath) < sizeof(szBuf)")) << strErr;
+        EXPECT_EQ(0, KvCountOf(strErr, "Exception")) << strErr;
     }
     EXPECT_EQ(cChildren, KvRsGetChildNodeCount(base.GetHandle(), base.GetId())) << "a refused path created nothing";
     EXPECT_EQ("ok", KvRobustCheckTree(root));

@@ -48,25 +48,25 @@ TEST(KvBadValue, SixteenMiBWorksOneByteMoreIsRefusedAndTheValueStaysEmpty)
         EXPECT_EQ(std::vector<unsigned char>(65, 0xEE), std::vector<unsigned char>(abOut.begin() + kLargestClass, abOut.end()))
             << "nothing written past the count";
 
-        KvRobustStderr capture;
+        KvStderrCapture capture;
         SetBytes(v, ab, kLargestClass + 1);
         std::string strErr = capture.Stop();
         EXPECT_EQ(0, ByteCount(v));
         EXPECT_EQ(0x77u, KvRsGetValueType(v.GetHandle(), v.GetId())) << "the type stays";
-        EXPECT_EQ(1, KvRobustCount(strErr, "no block size for a request of 0x1000001 bytes")) << strErr;
+        EXPECT_EQ(1, KvCountOf(strErr, "no block size for a request of 0x1000001 bytes")) << strErr;
         std::fill(abOut.begin(), abOut.end(), 0xEE);
         KvRsGetValueBytes(v.GetHandle(), v.GetId(), abOut.data());
         EXPECT_EQ(0xEE, abOut[0]) << "an empty value copies nothing";
 
         // The largest count a caller can pass is refused the same way.
-        KvRobustStderr capture2;
+        KvStderrCapture capture2;
         SetBytes(v, ab, INT32_MAX);
         strErr = capture2.Stop();
         EXPECT_EQ(0, ByteCount(v));
-        EXPECT_EQ(1, KvRobustCount(strErr, "no block size for a request of 0x7fffffff bytes")) << strErr;
+        EXPECT_EQ(1, KvCountOf(strErr, "no block size for a request of 0x7fffffff bytes")) << strErr;
 
         // Counts of 0 or less and a null source empty the value without a report.
-        KvRobustStderr capture3;
+        KvStderrCapture capture3;
         SetBytes(v, ab, 10);
         for (long cb : {0L, -1L, LONG_MIN, static_cast<long>(INT32_MIN)}) {
             SetBytes(v, ab, 10);
@@ -97,7 +97,7 @@ TEST(KvBadValue, CountsPastTheLargestClassAreRefusedWhateverTheirWidth)
     KvRsValueProxy v = KvRsCreateValue();
     std::vector<unsigned char> ab(64, 0x42);
     const long cbWide = static_cast<long>((static_cast<unsigned long long>(1) << 32) + 16);
-    KvRobustStderr capture;
+    KvStderrCapture capture;
     SetBytes(v, ab, cbWide);
     const std::string strErr = capture.Stop();
     EXPECT_EQ(0, ByteCount(v)) << "the count was cut to its low 32 bits";
@@ -147,7 +147,7 @@ TEST(KvBadValue, AFullSegmentFailsEveryAllocationCleanlyAndRecovers)
     // Fill through the API, largest class first, until no value can be made or
     // filled; then every pool directly, until each one refuses.
     std::vector<KvRsValueProxy> vHeld;
-    KvRobustStderr captureFill;
+    KvStderrCapture captureFill;
     for (long cb = kLargestClass; cb >= 8; cb /= 2) {
         for (;;) {
             KvRsValueProxy v = KvRsCreateValue();
@@ -170,10 +170,10 @@ TEST(KvBadValue, AFullSegmentFailsEveryAllocationCleanlyAndRecovers)
     KvRsReleaseMutex();
     const std::string strFill = captureFill.Stop();
     EXPECT_LE(3u, vHeld.size());
-    EXPECT_LE(1, KvRobustCount(strFill, "Out of Memory"));
+    EXPECT_LE(1, KvCountOf(strFill, "Out of Memory"));
 
     // Every call that needs a block fails with a report and its neutral result.
-    KvRobustStderr capture;
+    KvStderrCapture capture;
     EXPECT_TRUE(KvRsCreateNode("full.m", nullptr, 0).IsNull());
     EXPECT_TRUE(KvRsAddChildNode(n.GetHandle(), n.GetId(), "c").IsNull());
     EXPECT_TRUE(KvRsCreateValue().IsNull());
@@ -183,7 +183,7 @@ TEST(KvBadValue, AFullSegmentFailsEveryAllocationCleanlyAndRecovers)
     KvRsNotifyNodeClients(n.GetHandle(), n.GetId(), 5, vKeep.GetHandle(), vKeep.GetId(), false);
     KvRsConnectClient(n.GetHandle(), n.GetId(), reinterpret_cast<void*>(0x20), 2);
     const std::string strErr = capture.Stop();
-    EXPECT_LE(6, KvRobustCount(strErr, "Out of Memory")) << strErr;
+    EXPECT_LE(6, KvCountOf(strErr, "Out of Memory")) << strErr;
     EXPECT_EQ(0, KvRsGetQueueMsgCount(q.GetHandle(), q.GetId()));
     EXPECT_EQ(1, KvRsGetClientCount(n.GetHandle(), n.GetId()));
     // Calls that need no block still work.

@@ -14,48 +14,6 @@
 
 extern char** environ;
 
-KvRobustStderr::KvRobustStderr()
-{
-    char szPath[] = "/tmp/kvrs-robust-XXXXXX";
-    m_fdFile = mkstemp(szPath);
-    unlink(szPath);
-    fflush(stderr);
-    m_fdSaved = dup(2);
-    dup2(m_fdFile, 2);
-}
-
-KvRobustStderr::~KvRobustStderr()
-{
-    Stop();
-}
-
-std::string KvRobustStderr::Stop()
-{
-    std::string str;
-    if (m_fdSaved < 0)
-        return str;
-    fflush(stderr);
-    dup2(m_fdSaved, 2);
-    close(m_fdSaved);
-    m_fdSaved = -1;
-    lseek(m_fdFile, 0, SEEK_SET);
-    char ach[4096];
-    ssize_t cb;
-    while ((cb = read(m_fdFile, ach, sizeof(ach))) > 0)
-        str.append(ach, static_cast<size_t>(cb));
-    close(m_fdFile);
-    m_fdFile = -1;
-    return str;
-}
-
-int KvRobustCount(const std::string& str, const std::string& strWhat)
-{
-    int c = 0;
-    for (size_t i = str.find(strWhat); i != std::string::npos; i = str.find(strWhat, i + strWhat.size()))
-        ++c;
-    return c;
-}
-
 KvRsNodeProxy KvRobustRoot()
 {
     static bool s_fKept = false;

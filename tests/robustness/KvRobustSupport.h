@@ -1,5 +1,4 @@
-// KvRobustSupport.h - helpers of the bad-input tests: capturing standard error
-// around a call, looking behind a proxy at the object model (these tests link
+// KvRobustSupport.h - helpers of the bad-input tests: looking behind a proxy at the object model (these tests link
 // the library's layers statically, so there is one copy of its state), and the
 // consistency checks run after each kind of bad input.
 #pragma once
@@ -9,24 +8,9 @@
 #include <gtest/gtest.h>
 
 #include "KvRfrSvr.h"
+#include "common/KvTestSupport.h"
 
 class CRsNode;
-
-// Redirects file descriptor 2 into a temporary file until Stop(), which returns
-// what was written.
-class KvRobustStderr {
-public:
-    KvRobustStderr();
-    ~KvRobustStderr();
-    std::string Stop();
-
-private:
-    int m_fdSaved = -1;
-    int m_fdFile = -1;
-};
-
-// Non-overlapping occurrences of strWhat in str.
-int KvRobustCount(const std::string& str, const std::string& strWhat);
 
 // Adds this process's own root reference (its exit releases one) and returns
 // the root.

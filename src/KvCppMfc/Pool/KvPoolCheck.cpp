@@ -59,9 +59,7 @@ void KvPoolCheck::Run()
             CheckFreeList(i);
     std::sort(m_vFree.begin(), m_vFree.end());
     CheckDuplicateFreeBlocks();
-    // Counting only means something over intact free lists.
-    if (m_report.Problems().size() == cBefore)
-        CheckCounters();
+    CheckCounters(m_report.Problems().size() == cBefore);
 }
 
 // --- header ------------------------------------------------------------------
@@ -188,7 +186,7 @@ void KvPoolCheck::CheckDuplicateFreeBlocks()
 // Every carved block is either in use (counted by the pool) or on the free list,
 // and the header's byte totals follow the block counts; a process that died
 // between taking a block and counting it breaks both sums.
-void KvPoolCheck::CheckCounters()
+void KvPoolCheck::CheckCounters(bool bListsOk)
 {
     const KvGranularity::Info* pInfo = KvGranularity::_poinf;
     int64_t cbByBlocks = 0;
@@ -209,7 +207,8 @@ void KvPoolCheck::CheckCounters()
         Fail("header: the byte counters say " + std::to_string(cbHeader) + " bytes are in use, the pools' block " +
              "counts " + std::to_string(cbByBlocks));
     const uint64_t cbCarved = m_ofsCarvedEnd - KVGRAN_HEADER_SIZE;
-    if (m_bTableOk && cbCovered != cbCarved)
+    // The free blocks only count over intact free lists.
+    if (bListsOk && m_bTableOk && cbCovered != cbCarved)
         Fail("pools: " + Num(cbCarved) + " bytes are carved into blocks, but the blocks in use and on the free " +
              "lists cover " + Num(cbCovered) + " (a block taken off a free list and never counted, or counted " +
              "and never taken)");

@@ -61,7 +61,7 @@ private:
     void CheckTable();
     void CheckFreeList(uint32_t iPool);
     void CheckDuplicateFreeBlocks();
-    void CheckCounters();
+    void CheckCounters(bool bListsOk);
     void Fail(const std::string& str) { m_report.Problem(str); }
 
     KvCheckReport& m_report;

@@ -1,10 +1,12 @@
-// KvApiTestSupport.cpp - the helpers of KvTestSupport.h for test programs that
-// use the library only through libKvRfrSvr.so. They must not link a second,
-// static copy of the library's layers, so nothing here uses them: the namespace
-// suffix, the executable path and the spawning are done with plain POSIX calls.
+// KvTestProcess.cpp - the process helpers of KvTestSupport.h: child scenarios,
+// spawning with a watchdog, namespaces and standard-error capture. Programs that
+// use the library only through libKvRfrSvr.so link these too, and must not get a
+// second, static copy of the library's layers, so nothing here uses them: the
+// namespace suffix, the executable path and the spawning are plain POSIX calls.
 #include "common/KvTestSupport.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -102,10 +104,14 @@ int KvTestWait(pid_t pid, int cSeconds)
 
 std::string KvTestUseFreshNamespace()
 {
+    // Derived from the namespace the process started with, so that repeated
+    // calls in one process do not keep lengthening the name.
     static int s_c = 0;
-    const char* pszBase = getenv("KVRFRSVR_NAMESPACE");
-    const std::string str = std::string(pszBase != nullptr && *pszBase ? pszBase : "t") + "." +
-                            std::to_string(getpid()) + "." + std::to_string(++s_c);
+    static const std::string s_strBase = [] {
+        const char* psz = getenv("KVRFRSVR_NAMESPACE");
+        return std::string(psz != nullptr && *psz ? psz : "t");
+    }();
+    const std::string str = s_strBase + "." + std::to_string(getpid()) + "." + std::to_string(++s_c);
     setenv("KVRFRSVR_NAMESPACE", str.c_str(), 1);
     return str;
 }
@@ -123,4 +129,48 @@ std::vector<std::string> KvTestNamespaceObjects()
         closedir(pdir);
     }
     return v;
+}
+
+// --- standard-error capture ---------------------------------------------------
+
+KvStderrCapture::KvStderrCapture()
+{
+    char szPath[] = "/tmp/kvrs-stderr-XXXXXX";
+    m_fdFile = mkstemp(szPath);
+    unlink(szPath);
+    fflush(stderr);
+    m_fdSaved = dup(2);
+    dup2(m_fdFile, 2);
+}
+
+KvStderrCapture::~KvStderrCapture()
+{
+    Stop();
+}
+
+std::string KvStderrCapture::Stop()
+{
+    std::string str;
+    if (m_fdSaved < 0)
+        return str;
+    fflush(stderr);
+    dup2(m_fdSaved, 2);
+    close(m_fdSaved);
+    m_fdSaved = -1;
+    lseek(m_fdFile, 0, SEEK_SET);
+    char ach[4096];
+    ssize_t cb;
+    while ((cb = read(m_fdFile, ach, sizeof(ach))) > 0)
+        str.append(ach, static_cast<size_t>(cb));
+    close(m_fdFile);
+    m_fdFile = -1;
+    return str;
+}
+
+int KvCountOf(const std::string& str, const std::string& strWhat)
+{
+    int c = 0;
+    for (size_t i = str.find(strWhat); i != std::string::npos; i = str.find(strWhat, i + strWhat.size()))
+        ++c;
+    return c;
 }
