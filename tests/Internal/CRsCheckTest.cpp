@@ -3,10 +3,24 @@
 // leave is named, without the check faulting. Every damage is undone before the
 // next, so the teardown still frees a sound tree.
 #include <cstring>
+#include <type_traits>
 #include <random>
 
 #include "CRsTestModel.h"
 #include "KvRfrSvr/Internal/CRsCheck.h"
+
+#pragma pack(push, 1)
+struct KvUnalignedWord {
+    uint32_t dw;
+    KvUnalignedWord() = default;
+    KvUnalignedWord(uint32_t v) : dw(v) {}
+};
+#pragma pack(pop)
+
+// A field is named by its expression; its type comes from decltype, its address
+// goes over as void* so that no reference to a packed member is formed.
+#define KV_REPORTS_WITH(field, value, what) \
+    ReportsWithAt<std::remove_cv_t<std::remove_reference_t<decltype(field)>>>(static_cast<void*>(&(field)), value, what)
 
 namespace {
 
@@ -45,23 +59,29 @@ protected:
             r << "\n  " << str;
         return r;
     }
-    // Sets a field for one check and puts the old value back.
+    // Sets a field for one check and puts the old value back. Fields of packed
+    // structures may be misaligned, so they are reached by address and copied
+    // bytewise, never bound to a reference.
     template <class T, class U>
-    static ::testing::AssertionResult ReportsWith(T& field, U value, const std::string& strWhat)
+    static ::testing::AssertionResult ReportsWithAt(void* pvField, U value, const std::string& strWhat)
     {
-        const T old = field;
-        field = static_cast<T>(value);
+        T old;
+        memcpy(&old, pvField, sizeof(T));
+        const T now = static_cast<T>(value);
+        memcpy(pvField, &now, sizeof(T));
         ::testing::AssertionResult r = Reports(strWhat);
-        field = old;
+        memcpy(pvField, &old, sizeof(T));
         return r;
     }
     static uint32_t& Word(uint32_t ofs) { return *static_cast<uint32_t*>(KvGranularity::_CalcPtr(ofs)); }
     // The offset word of a link, for links without assignment (counted or child).
+    // Links sit at odd offsets of packed objects: the word is seen through a
+    // one-byte-aligned view.
     template <class P>
-    static uint32_t& LinkWord(P& link)
+    static KvUnalignedWord& LinkWord(P& link)
     {
         static_assert(sizeof(P) == 4, "a link is one offset");
-        return *reinterpret_cast<uint32_t*>(&link);
+        return *reinterpret_cast<KvUnalignedWord*>(&link);
     }
 };
 
@@ -145,11 +165,11 @@ TEST_F(CRsCheckTest, DamagedHeaderAndPoolsAreNamed)
 {
     KvGranularity::Info& info = *KvGranularity::_poinf;
     const uint32_t ofsCommit = info._pchNextCommit.Offset();
-    EXPECT_TRUE(ReportsWith(info._pchNextFree, KvsPtr<char>::FromOffset(ofsCommit + 8192),
+    EXPECT_TRUE(KV_REPORTS_WITH(info._pchNextFree, KvsPtr<char>::FromOffset(ofsCommit + 8192),
                             "is past _pchNextCommit"));
-    EXPECT_TRUE(ReportsWith(info._pchNextCommit, KvsPtr<char>::FromOffset(0x8000000), "is past the segment's end"));
-    EXPECT_TRUE(ReportsWith(info._aptrRoot[5], 8, "root slot 5 holds 0x00000008"));
-    EXPECT_TRUE(ReportsWith(info._abReserved[3], 1, "reserved bytes"));
+    EXPECT_TRUE(KV_REPORTS_WITH(info._pchNextCommit, KvsPtr<char>::FromOffset(0x8000000), "is past the segment's end"));
+    EXPECT_TRUE(KV_REPORTS_WITH(info._aptrRoot[5], 8, "root slot 5 holds 0x00000008"));
+    EXPECT_TRUE(KV_REPORTS_WITH(info._abReserved[3], 1, "reserved bytes"));
 
     // Two free 64-byte blocks: head A -> B -> ...
     KvGranularity& g = *KvGranularity::_GetGranularity(4);
@@ -160,12 +180,12 @@ TEST_F(CRsCheckTest, DamagedHeaderAndPoolsAreNamed)
     ASSERT_TRUE(Clean());
     const uint32_t ofsA = KvGranularity::_CalcOffset(pA), ofsB = KvGranularity::_CalcOffset(pB);
     ASSERT_EQ(ofsA, g._pchHead.Offset());
-    EXPECT_TRUE(ReportsWith(Word(ofsB), ofsA, "free list runs in a cycle through"));
-    EXPECT_TRUE(ReportsWith(Word(ofsA), ofsB + 8, "is not aligned to its class"));
-    EXPECT_TRUE(ReportsWith(Word(ofsA), 0x7ffff000, "lies outside the carved area"));
-    EXPECT_TRUE(ReportsWith(g._cNetUnchecked, g._cNetUnchecked + 1, "the byte counters say"));
+    EXPECT_TRUE(KV_REPORTS_WITH(Word(ofsB), ofsA, "free list runs in a cycle through"));
+    EXPECT_TRUE(KV_REPORTS_WITH(Word(ofsA), ofsB + 8, "is not aligned to its class"));
+    EXPECT_TRUE(KV_REPORTS_WITH(Word(ofsA), 0x7ffff000, "lies outside the carved area"));
+    EXPECT_TRUE(KV_REPORTS_WITH(g._cNetUnchecked, g._cNetUnchecked + 1, "the byte counters say"));
     // A block taken off the list by a process that died before counting it.
-    EXPECT_TRUE(ReportsWith(g._pchHead, KvsPtr<char>::FromOffset(ofsB), "bytes are carved into blocks"));
+    EXPECT_TRUE(KV_REPORTS_WITH(g._pchHead, KvsPtr<char>::FromOffset(ofsB), "bytes are carved into blocks"));
     EXPECT_TRUE(Clean());
 }
 
@@ -181,24 +201,24 @@ TEST_F(CRsCheckTest, BrokenLinksInTheTreeAreNamedWithoutFaulting)
     ASSERT_TRUE(Clean());
 
     CRsChildList& lst = *a->m_ptrChildList;
-    EXPECT_TRUE(ReportsWith(c1->m_pHln->m_pNext, KvsPtr<CRsNodeHln>(), "the bottom list has"));
-    EXPECT_TRUE(ReportsWith(lst.m_cEntries, 34, "child list of node \"a\""));
-    EXPECT_TRUE(ReportsWith(lst.GetAnchor()->m_pNext, KvsPtr<QTopNode<CRsNodeHln>>::FromOffset(0x7fffffe0),
+    EXPECT_TRUE(KV_REPORTS_WITH(c1->m_pHln->m_pNext, KvsPtr<CRsNodeHln>(), "the bottom list has"));
+    EXPECT_TRUE(KV_REPORTS_WITH(lst.m_cEntries, 34, "child list of node \"a\""));
+    EXPECT_TRUE(KV_REPORTS_WITH(lst.GetAnchor()->m_pNext, KvsPtr<QTopNode<CRsNodeHln>>::FromOffset(0x7fffffe0),
                             "index level 0 entry 1"));
-    EXPECT_TRUE(ReportsWith(c1->m_pHln, c2->m_pHln, "node \"a.c1\""));
-    EXPECT_TRUE(ReportsWith(c1->m_ptrParent, KvsPtr<KvSmartPtrTarget>(c2.Get()), "its parent link is"));
-    EXPECT_TRUE(ReportsWith(LinkWord(c1->m_pHln->m_ptr), c2.Offset(), "held by two child entries"));
-    EXPECT_TRUE(ReportsWith(LinkWord(c1->m_ptrValue), 0x7ffffff0, "lies outside the carved area"));
-    EXPECT_TRUE(ReportsWith(LinkWord(c1->m_ptrValue), c2.Offset(), "is reached as a value and as a node"));
-    EXPECT_TRUE(ReportsWith(v->m_iDeleteFunction, CRsNode::sm_iDeleteFunction, "starts with delete-function index"));
-    EXPECT_TRUE(ReportsWith(v->m_dwId, CRsObj::DEAD_ID, "marks a destroyed object"));
-    EXPECT_TRUE(ReportsWith(v->m_cBytes, 3, "with a byte count of 3"));
+    EXPECT_TRUE(KV_REPORTS_WITH(c1->m_pHln, c2->m_pHln, "node \"a.c1\""));
+    EXPECT_TRUE(KV_REPORTS_WITH(c1->m_ptrParent, KvsPtr<KvSmartPtrTarget>(c2.Get()), "its parent link is"));
+    EXPECT_TRUE(KV_REPORTS_WITH(LinkWord(c1->m_pHln->m_ptr), c2.Offset(), "held by two child entries"));
+    EXPECT_TRUE(KV_REPORTS_WITH(LinkWord(c1->m_ptrValue), 0x7ffffff0, "lies outside the carved area"));
+    EXPECT_TRUE(KV_REPORTS_WITH(LinkWord(c1->m_ptrValue), c2.Offset(), "is reached as a value and as a node"));
+    EXPECT_TRUE(KV_REPORTS_WITH(v->m_iDeleteFunction, CRsNode::sm_iDeleteFunction, "starts with delete-function index"));
+    EXPECT_TRUE(KV_REPORTS_WITH(v->m_dwId, CRsObj::DEAD_ID, "marks a destroyed object"));
+    EXPECT_TRUE(KV_REPORTS_WITH(v->m_cBytes, 3, "with a byte count of 3"));
     // A live value put back on its free list (freed while still linked).
     KvGranularity& g = *KvGranularity::_GetGranularity(KvPoolCheck::PoolOf(sizeof(CRsValue)));
     const uint32_t ofsHead = g._pchHead.Offset();
     const uint32_t dwFirst = v->m_iDeleteFunction;
     Word(v.Offset()) = ofsHead;
-    EXPECT_TRUE(ReportsWith(g._pchHead, KvsPtr<char>::FromOffset(v.Offset()), "freed, yet still linked"));
+    EXPECT_TRUE(KV_REPORTS_WITH(g._pchHead, KvsPtr<char>::FromOffset(v.Offset()), "freed, yet still linked"));
     Word(v.Offset()) = dwFirst;
     EXPECT_TRUE(Clean());
 }
@@ -218,19 +238,19 @@ TEST_F(CRsCheckTest, CountsBelowWhatTheTreeNeedsAreNamed)
     ASSERT_TRUE(Clean());
 
     // v: two nodes, two messages and our pointer.
-    EXPECT_TRUE(ReportsWith(v->m_cSmart, 3, "its smart count 3 is below the 4"));
+    EXPECT_TRUE(KV_REPORTS_WITH(v->m_cSmart, 3, "its smart count 3 is below the 4"));
     // a carries b's smart units (b: our pointer, two messages).
-    EXPECT_TRUE(ReportsWith(a->m_cSmart, b->m_cSmart - 1, "carried for its children"));
-    EXPECT_TRUE(ReportsWith(b->m_cChild, 0, "its child count 0 is below the 1"));
-    EXPECT_TRUE(ReportsWith(b->m_cSmart, 0, "its smart count 0 is below"));
+    EXPECT_TRUE(KV_REPORTS_WITH(a->m_cSmart, b->m_cSmart - 1, "carried for its children"));
+    EXPECT_TRUE(KV_REPORTS_WITH(b->m_cChild, 0, "its child count 0 is below the 1"));
+    EXPECT_TRUE(KV_REPORTS_WITH(b->m_cSmart, 0, "its smart count 0 is below"));
 
     CRsMsgList::List& lst = q->m_ptrMsgList->m_lst;
-    EXPECT_TRUE(ReportsWith(lst.m_cCount, 1, "its count is 1, but the list holds 2 messages"));
-    EXPECT_TRUE(ReportsWith(lst.m_pTail, lst.m_pHead, "its tail is"));
-    EXPECT_TRUE(ReportsWith(lst.m_pTail->m_pNext, lst.m_pHead, "the list runs in a cycle, or into another list"));
+    EXPECT_TRUE(KV_REPORTS_WITH(lst.m_cCount, 1, "its count is 1, but the list holds 2 messages"));
+    EXPECT_TRUE(KV_REPORTS_WITH(lst.m_pTail, lst.m_pHead, "its tail is"));
+    EXPECT_TRUE(KV_REPORTS_WITH(lst.m_pTail->m_pNext, lst.m_pHead, "the list runs in a cycle, or into another list"));
     CRsConnect& connect = *b->m_ptrRefreshInfo->m_lstClients.GetFirst()->m_ptr;
-    EXPECT_TRUE(ReportsWith(connect.m_cConnect, 0, "its count of connects is 0"));
-    EXPECT_TRUE(ReportsWith(LinkWord(connect.m_ptrQueue), 0, "it has no queue"));
+    EXPECT_TRUE(KV_REPORTS_WITH(connect.m_cConnect, 0, "its count of connects is 0"));
+    EXPECT_TRUE(KV_REPORTS_WITH(LinkWord(connect.m_ptrQueue), 0, "it has no queue"));
     EXPECT_TRUE(Clean());
 
     b->DisconnectClient(H(9), 9);  // not ours: q's process is another
