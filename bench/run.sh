@@ -27,6 +27,12 @@ args=()
 rows=$(mktemp)
 trap 'rm -f "$rows"' EXIT
 
+# The programs load the library, which attaches the namespace in the
+# environment as they start: give them a private one from the outset, so that
+# no process attaches (and leaves) the caller's own tree before re-running
+# itself in a namespace of its own.
+export KVRFRSVR_NAMESPACE="kvcmp.run.$$"
+
 start=$(date +%s)
 "$bin/compare_roundtrip" "${args[@]}" >>"$rows"
 "$bin/compare_tree" "${args[@]}" >>"$rows"
