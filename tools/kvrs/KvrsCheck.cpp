@@ -43,7 +43,7 @@ public:
         }
         m_bOwn = true;
         KvEnterCritSec();
-        m_mtx.OpenOrCreate("KVRFRSVR_GLOBAL_MUTEX", true);
+        m_mtx.OpenOrCreate("KVRFRSVR_GLOBAL_MUTEX");
         KvExitCritSec();
         m_mtx.Lock();
         printf("note: the library could not start in this process; the segment is checked all the same\n");

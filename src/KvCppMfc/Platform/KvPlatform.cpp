@@ -63,7 +63,6 @@ std::string KvObjectName(const char* pszName)
     return "/" + strBase + strSuffix;
 }
 
-static bool KvIsMutexObject(const std::string& strName);
 
 int KvUnlinkNamespaceObjects(const std::string& strKeep, bool fKeepMutexes)
 {
@@ -314,97 +313,3 @@ void KvNamedLock::ResetAfterFork()
     m_fd = shm_open(m_strName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
 }
 
-// ---------------------------------------------------------------------------
-// Named robust mutexes
-// ---------------------------------------------------------------------------
-
-struct KvSharedMutexObject {
-    uint32_t dwReady;  // written last: an object without it was never initialised
-    pthread_mutex_t mtx;
-};
-
-static const uint32_t kKvMutexReady = 0x4B564D58;  // "KVMX"
-
-// A mutex object is recognised by its size and its ready mark.
-static bool KvIsMutexObject(const std::string& strName)
-{
-    const int fd = shm_open(strName.c_str(), O_RDONLY | O_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
-    struct stat st;
-    uint32_t dwReady = 0;
-    const bool f = fstat(fd, &st) == 0 && st.st_size == static_cast<off_t>(sizeof(KvSharedMutexObject)) &&
-                   pread(fd, &dwReady, sizeof(dwReady), 0) == static_cast<ssize_t>(sizeof(dwReady)) &&
-                   dwReady == kKvMutexReady;
-    close(fd);
-    return f;
-}
-
-bool KvNamedMutex::OpenOrCreate(const char* pszName, bool fRecursive)
-{
-    if (m_pmtx != nullptr)
-        return true;
-    bool fCreated = false;
-    if (!m_shm.OpenOrCreate(KvObjectName(pszName), sizeof(KvSharedMutexObject), true, &fCreated) ||
-        !m_shm.Map()) {
-        m_shm.Close();
-        return false;
-    }
-    auto* pobj = static_cast<KvSharedMutexObject*>(m_shm.m_pv);
-    // Creation runs under the namespace critical section; an object that is not
-    // marked ready was left half made by a process that died, and is made again.
-    if (fCreated || pobj->dwReady != kKvMutexReady) {
-        pthread_mutexattr_t attr;
-        pthread_mutexattr_init(&attr);
-        pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-        pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-        pthread_mutexattr_settype(&attr, fRecursive ? PTHREAD_MUTEX_RECURSIVE : PTHREAD_MUTEX_NORMAL);
-        pthread_mutex_init(&pobj->mtx, &attr);
-        pthread_mutexattr_destroy(&attr);
-        __atomic_store_n(&pobj->dwReady, kKvMutexReady, __ATOMIC_RELEASE);
-    }
-    m_pmtx = &pobj->mtx;
-    return true;
-}
-
-void KvNamedMutex::Close()
-{
-    m_pmtx = nullptr;
-    m_shm.Close();
-}
-
-namespace {
-constexpr int kKvMutexSpin = 400;
-
-inline void KvCpuRelax()
-{
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#endif
-}
-}  // namespace
-
-bool KvNamedMutex::Lock()
-{
-    if (m_pmtx == nullptr)
-        return false;
-    // Holders keep the mutex for well under a microsecond, so a short spin on
-    // the user-space try path usually wins it without sleeping in the kernel
-    // and without the wake-up that a sleeping waiter costs its releaser.
-    int rc = pthread_mutex_trylock(m_pmtx);
-    for (int i = 0; rc == EBUSY && i < kKvMutexSpin; ++i) {
-        KvCpuRelax();
-        rc = pthread_mutex_trylock(m_pmtx);
-    }
-    if (rc == EBUSY)
-        rc = pthread_mutex_lock(m_pmtx);
-    if (rc == EOWNERDEAD)
-        pthread_mutex_consistent(m_pmtx);  // an abandoned mutex counts as acquired
-    return true;
-}
-
-void KvNamedMutex::Unlock()
-{
-    if (m_pmtx != nullptr)
-        pthread_mutex_unlock(m_pmtx);
-}

@@ -118,23 +118,40 @@ private:
 // ---------------------------------------------------------------------------
 struct KvSharedMutexObject;  // layout private to KvPlatform.cpp
 
+struct KvSharedMutexObject;
+
+// True when the shared-memory object of that full name is an initialised mutex
+// object (clean-up can keep mutexes that live processes may still hold).
+bool KvIsMutexObject(const std::string& strName);
+
+// A named mutex shared by all processes of the namespace: recursive for its
+// owning thread and robust. The lock is a futex word holding the owner's
+// thread id; it is entered in the thread's kernel robust list while held, so
+// the kernel marks it abandoned when the owner dies, and the next locker
+// takes it over (an abandoned mutex counts as acquired). A locker that finds
+// it held spins for a while, adapted to how long holders have recently kept
+// it, before it sleeps on the futex. Uncontended locking and unlocking make
+// no system call.
 class KvNamedMutex {
 public:
     // Opens the named mutex object or creates and initialises it. Must be called
     // while the namespace critical section is held. Returns false on failure.
-    bool OpenOrCreate(const char* pszName, bool fRecursive);
+    bool OpenOrCreate(const char* pszName);
     void Close();
-    bool IsOpen() const { return m_pmtx != nullptr; }
+    bool IsOpen() const { return m_pobj != nullptr; }
 
-    // Wait without limit. An owner that died leaves the mutex to the next waiter
-    // (EOWNERDEAD counts as acquired). Returns false only when there is no mutex.
+    // Wait without limit. Returns false only when there is no mutex.
     bool Lock();
+    // Releases one level of the calling thread's ownership; does nothing when
+    // the calling thread does not own the mutex.
     void Unlock();
-    pthread_mutex_t* Native() const { return m_pmtx; }
+    // True when the calling thread owns the mutex.
+    bool IsOwned() const;
 
 private:
+    void LockContended(uint32_t dwTid);
     KvShmObject m_shm;
-    pthread_mutex_t* m_pmtx = nullptr;
+    KvSharedMutexObject* m_pobj = nullptr;
 };
 
 // ---------------------------------------------------------------------------

@@ -38,9 +38,17 @@ uint32_t KvGetCurrentProcessId()
     return s_dwPid;
 }
 
+// Cached per thread: the robust mutexes compare it with the owner in the lock
+// word on every lock. A fork child's thread gets the cache cleared.
+static thread_local uint32_t t_dwTid = 0;
+
 uint32_t KvGetCurrentThreadId()
 {
-    return static_cast<uint32_t>(syscall(SYS_gettid));
+    if (t_dwTid == 0) {
+        KvRegisterForkHandlers();
+        t_dwTid = static_cast<uint32_t>(syscall(SYS_gettid));
+    }
+    return t_dwTid;
 }
 
 bool KvIsProcessAlive(uint32_t dwPid)
@@ -125,6 +133,7 @@ void KvForkParent()
 void KvForkChild()
 {
     s_dwPid = static_cast<uint32_t>(getpid());
+    t_dwTid = 0;
     for (auto pfn : KvGetForkHandlers().vChild)
         pfn();
 }

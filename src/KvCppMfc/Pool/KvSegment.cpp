@@ -234,7 +234,7 @@ bool KvAllocNamedSharedMem(void** ppvBase, const char* pszName, uint32_t size, u
     KvEnterCritSec();
     if (*ppvBase == nullptr) {
         if (KvOpenOrCreateSegment(KvObjectName(pszName), size, &fCreated) && s.shmSegment.Map() &&
-            s.mtxPools.OpenOrCreate("OGRAN.MTX", true)) {
+            s.mtxPools.OpenOrCreate("OGRAN.MTX")) {
             *ppvBase = s.shmSegment.m_pv;
             KvGranularity::_hMem = s.shmSegment.m_fd;
             s.fPrivate = false;

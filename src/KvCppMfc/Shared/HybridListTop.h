@@ -5,6 +5,31 @@
 #include <cstddef>
 #include <cstdint>
 
+// Walks are chains of dependent loads through blocks scattered over the
+// segment, so they fetch ahead: the element after the one being compared, and
+// what its comparison will read. An element type tells the latter through an
+// optional static PrefetchKey(const T&), called on an element already loaded.
+template <class T>
+inline auto KvHlPrefetchKey(const T* p, int) -> decltype(T::PrefetchKey(*p), void())
+{
+    T::PrefetchKey(*p);
+}
+template <class T>
+inline void KvHlPrefetchKey(const T*, long)
+{
+}
+
+// Called with the element about to be compared: starts the loads of its
+// successor's key and of the element after that.
+template <class T>
+inline void KvHlPrefetchAhead(const T* pNext)
+{
+    if (pNext == nullptr)
+        return;
+    KvHlPrefetchKey(pNext, 0);
+    __builtin_prefetch(pNext->GetNext());
+}
+
 #pragma pack(push, 1)
 template <class T>
 class QTopNode {
@@ -71,7 +96,7 @@ public:
     T* GetInsertionPoint(const F& cmp, QTopNode** ppCover, T** ppLeft, uint32_t dwSortType)
     {
         QTopNode* pLast = nullptr;
-        for (QTopNode* q = this; q != nullptr && q->BottomPasses(cmp, dwSortType); q = q->m_pNext.Get())
+        for (QTopNode* q = this; q != nullptr && q->BottomPassesAhead(cmp, dwSortType); q = q->m_pNext.Get())
             pLast = q;
         if (pLast == nullptr) {
             *ppCover = BeforeFirst();
@@ -81,7 +106,7 @@ public:
         while (pLast->m_pChild.IsNotNull()) {
             // The child starts where pLast starts, so it is known to pass.
             QTopNode* q = pLast->m_pChild.Get();
-            for (QTopNode* r = q->m_pNext.Get(); r != nullptr && r->BottomPasses(cmp, dwSortType);
+            for (QTopNode* r = q->m_pNext.Get(); r != nullptr && r->BottomPassesAhead(cmp, dwSortType);
                  r = r->m_pNext.Get())
                 q = r;
             pLast = q;
@@ -132,6 +157,18 @@ private:
         const T* p = m_pBottom.Get();
         return p != nullptr && KvHlPasses(cmp(*p), dwSortType);
     }
+    // The same on a level walk: first starts the loads for the next entry's test.
+    template <class F>
+    bool BottomPassesAhead(const F& cmp, uint32_t dwSortType) const
+    {
+        if (const QTopNode* qNext = m_pNext.Get()) {
+            const T* pNextBottom = qNext->m_pBottom.Get();
+            if (pNextBottom != nullptr)
+                KvHlPrefetchKey(pNextBottom, 0);
+            __builtin_prefetch(qNext->m_pNext.Get());
+        }
+        return BottomPasses(cmp, dwSortType);
+    }
 
     // Follows the bottom list from pLeft (known to pass) while the key passes;
     // the cover follows the runs, so it names the entry that covers *ppLeft.
@@ -140,7 +177,7 @@ private:
     {
         QTopNode* pCover = this;
         T* p = pLeft->GetNext();
-        while (p != nullptr && KvHlPasses(cmp(*p), dwSortType)) {
+        while (p != nullptr && (KvHlPrefetchAhead(p->GetNext()), KvHlPasses(cmp(*p), dwSortType))) {
             QTopNode* pNext = pCover->m_pNext.Get();
             if (pNext != nullptr && pNext->m_pBottom.Get() == p)
                 pCover = pNext;

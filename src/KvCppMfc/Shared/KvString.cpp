@@ -7,10 +7,8 @@
 
 #include "../Diag/KvDebugOutput.h"
 
-namespace {
 // What a string without a buffer reads as.
-const char s_szEmpty[1] = {'\0'};
-}  // namespace
+const char KvString::s_szEmpty[1] = {'\0'};
 
 KvString::KvString()
 {
@@ -96,12 +94,6 @@ void KvString::Concat(const char* psz)
 {
     if (psz != nullptr)
         ConcatN(psz, static_cast<uint32_t>(strlen(psz)));
-}
-
-const char* KvString::GetCharPtr() const
-{
-    const char* p = m_psz.Get();
-    return p != nullptr ? p : s_szEmpty;
 }
 
 uint32_t KvString::GetLength() const

@@ -35,7 +35,11 @@ public:
     void Concat(const char* psz);
 
     // The text; the process's static empty text when there is no buffer.
-    const char* GetCharPtr() const;
+    const char* GetCharPtr() const
+    {
+        const char* p = m_psz.Get();
+        return p != nullptr ? p : s_szEmpty;
+    }
     operator const char*() const { return GetCharPtr(); }
     uint32_t GetLength() const;
     bool IsEmpty() const { return GetCharPtr()[0] == '\0'; }
@@ -50,6 +54,7 @@ public:
     KvsPtr<KvGranularity> m_pGran;   // the pool entry of the buffer; 0: none
 
 private:
+    static const char s_szEmpty[1];
     void FreeBuffer(char* psz, KvGranularity* pGran);
 };
 #pragma pack(pop)

@@ -141,7 +141,7 @@ bool KvRsAttach()
 bool KvRsOpenGlobalMutex()
 {
     KvEnterCritSec();
-    const bool fOk = s_mtxGlobal.OpenOrCreate("KVRFRSVR_GLOBAL_MUTEX", true);
+    const bool fOk = s_mtxGlobal.OpenOrCreate("KVRFRSVR_GLOBAL_MUTEX");
     KvExitCritSec();
     if (!fOk)
         KvRsDetachAfterFailure("the global mutex KVRFRSVR_GLOBAL_MUTEX could not be opened");

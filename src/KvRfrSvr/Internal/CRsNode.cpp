@@ -107,13 +107,18 @@ void CRsNode::SetRef(const KvSmartPtr<CRsNode>& ptrRef)
 
 // --- children ---------------------------------------------------------------------
 
-KvSmartPtr<CRsNode> CRsNode::GetChild(const char* pszName) const
+CRsNode* CRsNode::FindChild(const char* pszName) const
 {
     const CRsNode* p = GetForwardTarget();
     if (p == nullptr || !p->IsParent() || p->m_ptrChildList.IsNull())
-        return KvSmartPtr<CRsNode>();
+        return nullptr;
     const CRsNodeHln* pHln = p->m_ptrChildList->FindByName(pszName != nullptr ? pszName : "");
-    return KvSmartPtr<CRsNode>(pHln != nullptr ? pHln->m_ptr.Get() : nullptr);
+    return pHln != nullptr ? pHln->m_ptr.Get() : nullptr;
+}
+
+KvSmartPtr<CRsNode> CRsNode::GetChild(const char* pszName) const
+{
+    return KvSmartPtr<CRsNode>(FindChild(pszName));
 }
 
 // Walks a "."-separated path of child names. The empty path is this node; a
@@ -132,19 +137,21 @@ KvSmartPtr<CRsNode> CRsNode::GetDescendant(const char* pszPath) const
     }
     memcpy(szBuf, pszPath, cch + 1);
 
-    KvSmartPtr<CRsNode> ptrAct(const_cast<CRsNode*>(this));
+    // The walk only reads the tree, so the nodes on the way need no counted
+    // references: the one found gets the only one.
+    CRsNode* pAct = const_cast<CRsNode*>(this);
     char* pszSeg = szBuf;
     char* pszSep = strchr(pszSeg, '.');
-    while (*pszSeg != '\0' && ptrAct.IsNotNull()) {
+    while (*pszSeg != '\0' && pAct != nullptr) {
         if (pszSep != nullptr)
             *pszSep = '\0';
-        ptrAct = ptrAct->GetChild(pszSeg);
+        pAct = pAct->FindChild(pszSeg);
         if (pszSep == nullptr)
             break;
         pszSeg = pszSep + 1;
         pszSep = strchr(pszSeg, '.');
     }
-    return ptrAct;
+    return KvSmartPtr<CRsNode>(pAct);
 }
 
 KvSmartPtr<CRsNode> CRsNode::GetFirstChild() const

@@ -64,6 +64,8 @@ public:
 
     // --- children ------------------------------------------------------------
     KvSmartPtr<CRsNode> GetChild(const char* pszName) const;
+    // The same without a counted reference, for walks under the global mutex.
+    CRsNode* FindChild(const char* pszName) const;
     KvSmartPtr<CRsNode> GetDescendant(const char* pszPath) const;
     KvSmartPtr<CRsNode> GetFirstChild() const;
     // The sibling after this node in its parent's child list (through the entry

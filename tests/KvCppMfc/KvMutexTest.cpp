@@ -1,0 +1,196 @@
+// KvMutexTest.cpp - the named robust mutex: recursion and ownership, mutual
+// exclusion across processes and threads, take-over after a dead owner (thread
+// exit and SIGKILL), and coexistence with glibc's robust mutexes in the same
+// per-thread kernel list.
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include "KvCppMfc/Platform/KvPlatform.h"
+#include "common/KvTestSupport.h"
+
+namespace {
+
+struct Counter {
+    long n;  // deliberately not atomic: only the mutex protects it
+};
+
+// A page shared with children: the counter and one robust pthread mutex.
+struct SharedPage {
+    Counter counter;
+    pthread_mutex_t mtxGlibc;
+};
+
+SharedPage* MapSharedPage()
+{
+    void* pv = mmap(nullptr, sizeof(SharedPage), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    auto* p = static_cast<SharedPage*>(pv);
+    p->counter.n = 0;
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
+    pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+    pthread_mutex_init(&p->mtxGlibc, &attr);
+    pthread_mutexattr_destroy(&attr);
+    return p;
+}
+
+class KvMutexTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        KvTestUseFreshNamespace();
+        ASSERT_TRUE(m_mtx.OpenOrCreate("TEST.MTX"));
+    }
+    void TearDown() override
+    {
+        m_mtx.Close();
+        KvUnlinkNamespaceObjects("");
+    }
+    KvNamedMutex m_mtx;
+};
+
+// Increments under the lock; the mutex is what keeps the count exact.
+void Increment(KvNamedMutex& mtx, Counter* p, int c)
+{
+    for (int i = 0; i < c; ++i) {
+        mtx.Lock();
+        mtx.Lock();  // recursion inside the critical section
+        const long n = p->n;
+        if ((i & 63) == 0)
+            sched_yield();  // widens the window a broken lock would show
+        p->n = n + 1;
+        mtx.Unlock();
+        mtx.Unlock();
+    }
+}
+
+}  // namespace
+
+TEST_F(KvMutexTest, RecursiveForTheOwnerAndUnlockByOthersIsIgnored)
+{
+    m_mtx.Lock();
+    m_mtx.Lock();
+    std::atomic<bool> fEntered{false};
+    std::thread other([&] {
+        m_mtx.Unlock();  // not the owner: no effect
+        m_mtx.Lock();
+        fEntered = true;
+        EXPECT_TRUE(m_mtx.IsOwned());
+        m_mtx.Unlock();
+    });
+    usleep(50000);
+    EXPECT_FALSE(fEntered) << "a stranger's unlock or a single unlock freed the mutex";
+    m_mtx.Unlock();
+    usleep(20000);
+    EXPECT_FALSE(fEntered) << "one unlock freed a mutex locked twice";
+    EXPECT_TRUE(m_mtx.IsOwned());
+    m_mtx.Unlock();
+    other.join();
+    EXPECT_TRUE(fEntered);
+    EXPECT_FALSE(m_mtx.IsOwned());
+}
+
+TEST_F(KvMutexTest, ExcludesThreadsOfSeveralProcesses)
+{
+    // Forked children share the page and the mutex mapping.
+    SharedPage* pPage = MapSharedPage();
+    pid_t aPids[2];
+    for (pid_t& pid : aPids) {
+        pid = fork();
+        if (pid == 0) {
+            std::thread t([&] { Increment(m_mtx, &pPage->counter, 20000); });
+            Increment(m_mtx, &pPage->counter, 20000);
+            t.join();
+            _exit(0);
+        }
+    }
+    Increment(m_mtx, &pPage->counter, 20000);
+    for (pid_t pid : aPids)
+        EXPECT_EQ(KvTestWait(pid), 0);
+    EXPECT_EQ(pPage->counter.n, 5 * 20000L);
+}
+
+TEST_F(KvMutexTest, AForkChildDoesNotInheritOwnership)
+{
+    m_mtx.Lock();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        // Same thread, but not the owner: unlocking must not free the parent's
+        // mutex, and locking must wait for the parent.
+        m_mtx.Unlock();
+        const bool fOwned = m_mtx.IsOwned();
+        m_mtx.Lock();
+        m_mtx.Unlock();
+        _exit(fOwned ? 3 : 0);
+    }
+    usleep(50000);
+    int status = 0;
+    EXPECT_EQ(waitpid(pid, &status, WNOHANG), 0) << "the child got a mutex its parent holds";
+    m_mtx.Unlock();
+    EXPECT_EQ(KvTestWait(pid), 0);
+}
+
+TEST_F(KvMutexTest, AThreadThatExitsHoldingItLeavesItToTheNext)
+{
+    std::thread([&] {
+        m_mtx.Lock();
+        m_mtx.Lock();
+    }).join();
+    m_mtx.Lock();  // hangs (and the watchdog fails the test) if nobody released it
+    EXPECT_TRUE(m_mtx.IsOwned());
+    m_mtx.Unlock();
+    EXPECT_FALSE(m_mtx.IsOwned()) << "the recursion count of the dead owner was kept";
+}
+
+TEST_F(KvMutexTest, AKilledOwnerReleasesBothKindsOfRobustMutex)
+{
+    SharedPage* pPage = MapSharedPage();
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        // Interleaved with glibc's own entries in the thread's robust list, and
+        // released out of order, so that a wrong link shows as a lost entry.
+        pthread_mutex_t mtxLocal;
+        pthread_mutexattr_t attr;
+        pthread_mutexattr_init(&attr);
+        pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+        pthread_mutex_init(&mtxLocal, &attr);
+        pthread_mutex_lock(&mtxLocal);
+        m_mtx.Lock();
+        pthread_mutex_lock(&pPage->mtxGlibc);
+        pthread_mutex_unlock(&mtxLocal);
+        m_mtx.Unlock();
+        m_mtx.Lock();
+        pthread_mutex_unlock(&pPage->mtxGlibc);
+        pthread_mutex_lock(&pPage->mtxGlibc);
+        if (write(fds[1], "x", 1) != 1)
+            _exit(2);
+        pause();
+        _exit(0);
+    }
+    close(fds[1]);
+    char c = 0;
+    ASSERT_EQ(read(fds[0], &c, 1), 1);
+    close(fds[0]);
+    kill(pid, SIGKILL);
+    EXPECT_EQ(KvTestWait(pid), 128 + SIGKILL);
+
+    EXPECT_EQ(pthread_mutex_lock(&pPage->mtxGlibc), EOWNERDEAD);
+    pthread_mutex_consistent(&pPage->mtxGlibc);
+    // Taken with a glibc mutex held, then released in the opposite order.
+    m_mtx.Lock();
+    EXPECT_TRUE(m_mtx.IsOwned());
+    pthread_mutex_unlock(&pPage->mtxGlibc);
+    m_mtx.Unlock();
+    EXPECT_FALSE(m_mtx.IsOwned());
+    EXPECT_EQ(pthread_mutex_lock(&pPage->mtxGlibc), 0);
+    pthread_mutex_unlock(&pPage->mtxGlibc);
+}
