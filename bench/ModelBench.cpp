@@ -1,12 +1,17 @@
 // ModelBench.cpp - the object model on an attached segment: a depth-3 path in a
-// tree of about 100k nodes, AddChild into a node with 100k children, and
-// NotifyClients to 1 and to 100 clients (the messages are taken back out every
-// iteration, so memory stays bounded).
+// tree of about 100k nodes, AddChild into a node with 100k children, one child
+// looked up among 1k, 100k and 1M children, and NotifyClients to 1 and to 100
+// clients (the messages are taken back out every iteration, so memory stays
+// bounded). The segment is 256 MiB rather than the library's 64 MiB, so that a
+// node with 1M children fits.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <random>
 #include <string>
+#include <vector>
 
 #include "KvCppMfc/Platform/KvPlatform.h"
 #include "KvRfrSvr/Internal/CRsModel.h"
@@ -18,7 +23,7 @@ void KvBenchAttach()
     const std::string strNs = "bench.model." + std::to_string(KvGetCurrentProcessId());
     setenv("KVRFRSVR_NAMESPACE", strNs.c_str(), 1);
     KvRsRegisterSharedClasses();
-    KvGranularity::_AllocSharedMem(0x4000000, "KVRFRSVR_MEM");
+    KvGranularity::_AllocSharedMem(0x10000000, "KVRFRSVR_MEM");
     KvSmartPtr<CRsNode> ptrRoot(KvNewObject);
     KvGranularity::_SetRoot(ptrRoot.Detach(), KVRS_ROOT_SLOT);
     g_ptrThisPrcsQueue.NewObject();
@@ -86,6 +91,38 @@ void BM_AddChildInto100k(benchmark::State& state)
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_AddChildInto100k);
+
+// One child looked up by name among N children of one node, the names taken
+// in random order, so that large lists are searched with cold caches as in use.
+void BM_GetChildAmong(benchmark::State& state)
+{
+    const int cChildren = static_cast<int>(state.range(0));
+    const std::string strParent = "among" + std::to_string(cChildren);
+    KvSmartPtr<CRsNode> ptrParent = GetRoot()->GetChild(strParent.c_str());
+    std::vector<std::string> names;
+    char sz[16];
+    for (int i = 0; i < cChildren; ++i) {
+        snprintf(sz, sizeof(sz), "c%07d", i);
+        names.push_back(sz);
+    }
+    if (ptrParent.IsNull()) {
+        ptrParent = KvBenchNode(GetRoot(), strParent);
+        std::vector<std::string> order(names);
+        std::shuffle(order.begin(), order.end(), std::mt19937(7));
+        for (const std::string& str : order)
+            KvBenchNode(ptrParent, str);
+    }
+    std::shuffle(names.begin(), names.end(), std::mt19937(11));
+    size_t i = 0;
+    for (auto _ : state) {
+        KvSmartPtr<CRsNode> p = ptrParent->GetChild(names[i].c_str());
+        benchmark::DoNotOptimize(p.Offset());
+        if (++i == names.size())
+            i = 0;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_GetChildAmong)->Arg(1000)->Arg(100000)->Arg(1000000);
 
 // One notification to N clients of the default queue, and the N messages taken out.
 void BM_NotifyClients(benchmark::State& state)
