@@ -194,3 +194,25 @@ TEST_F(KvMutexTest, AKilledOwnerReleasesBothKindsOfRobustMutex)
     EXPECT_EQ(pthread_mutex_lock(&pPage->mtxGlibc), 0);
     pthread_mutex_unlock(&pPage->mtxGlibc);
 }
+
+TEST_F(KvMutexTest, AnOwnerThatClosesAndExitsLeavesItToTheNext)
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        // A thread closes its handle while holding the mutex and then ends: the
+        // object stays mapped, so the kernel can release it.
+        std::thread([] {
+            KvNamedMutex other;
+            other.OpenOrCreate("TEST.MTX");
+            other.Lock();
+            other.Close();
+        }).join();
+        m_mtx.Lock();
+        m_mtx.Lock();
+        m_mtx.Close();  // the owner closing gives it up
+        _exit(0);
+    }
+    EXPECT_EQ(KvTestWait(pid), 0);
+    m_mtx.Lock();  // hangs (the watchdog fails the test) if the exit left it held
+    m_mtx.Unlock();
+}

@@ -224,10 +224,24 @@ bool KvNamedMutex::OpenOrCreate(const char* pszName)
     return true;
 }
 
+// The kernel finds a dead owner's mutexes through the list links inside the
+// objects, so an object must stay mapped while any thread may hold it: unmapped,
+// it would stay locked for good and cut the rest of that thread's list off.
+// Closing gives up the calling thread's ownership (others then take the mutex
+// over, as from an owner that ended) and keeps the mapping of a mutex that
+// another thread still holds.
 void KvNamedMutex::Close()
 {
-    m_pobj = nullptr;
+    if (m_pobj == nullptr)
+        return;
+    if (IsOwned()) {
+        m_pobj->cRecursion = 1;
+        Unlock();
+    }
+    if ((__atomic_load_n(KvWord(m_pobj), __ATOMIC_ACQUIRE) & FUTEX_TID_MASK) != 0)
+        m_shm.m_pv = nullptr;  // the mapping stays for the rest of the process
     m_shm.Close();
+    m_pobj = nullptr;
 }
 
 bool KvNamedMutex::IsOwned() const
