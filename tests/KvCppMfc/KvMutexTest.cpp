@@ -71,6 +71,12 @@ void Increment(KvNamedMutex& mtx, Counter* p, int c)
     }
 }
 
+void Pause(int c)
+{
+    for (int i = 0; i < c; ++i)
+        std::atomic_signal_fence(std::memory_order_seq_cst);  // a loop the compiler keeps
+}
+
 }  // namespace
 
 TEST_F(KvMutexTest, RecursiveForTheOwnerAndUnlockByOthersIsIgnored)
@@ -214,5 +220,39 @@ TEST_F(KvMutexTest, AnOwnerThatClosesAndExitsLeavesItToTheNext)
     }
     EXPECT_EQ(KvTestWait(pid), 0);
     m_mtx.Lock();  // hangs (the watchdog fails the test) if the exit left it held
+    m_mtx.Unlock();
+}
+
+TEST_F(KvMutexTest, AReadThatEndsWellSawNoHalfMadeChange)
+{
+    // The writer keeps two values equal outside its critical sections only.
+    std::atomic<long> a{0}, b{0};
+    std::atomic<bool> fStop{false};
+    std::thread writer([&] {
+        for (long i = 1; !fStop; ++i) {
+            m_mtx.Lock();
+            a.store(i, std::memory_order_relaxed);
+            Pause(50);
+            b.store(i, std::memory_order_relaxed);
+            m_mtx.Unlock();
+        }
+    });
+    long cGood = 0, cTorn = 0;
+    for (int i = 0; i < 100000; ++i) {
+        const uint32_t dwSeq = m_mtx.BeginRead();
+        const long la = a.load(std::memory_order_relaxed);
+        Pause(20);  // widens the window a missed change would fall into
+        const long lb = b.load(std::memory_order_relaxed);
+        if (m_mtx.EndRead(dwSeq)) {
+            ++cGood;
+            cTorn += la != lb;
+        }
+    }
+    fStop = true;
+    writer.join();
+    EXPECT_EQ(cTorn, 0);
+    EXPECT_GT(cGood, 0);
+    m_mtx.Lock();  // the owner's own reads always count
+    EXPECT_TRUE(m_mtx.EndRead(m_mtx.BeginRead()));
     m_mtx.Unlock();
 }

@@ -148,6 +148,14 @@ public:
     // True when the calling thread owns the mutex.
     bool IsOwned() const;
 
+    // Reads without locking, for callers that only read: a read made between
+    // BeginRead and an EndRead that returns true saw the data as it was at one
+    // moment when no other thread held the mutex (or while the caller holds
+    // it), so it is the read that locking would have given. On false the data
+    // may have changed under the read: lock and read again.
+    uint32_t BeginRead() const;
+    bool EndRead(uint32_t dwSeq) const;
+
 private:
     void LockContended(uint32_t dwTid);
     KvShmObject m_shm;

@@ -28,7 +28,7 @@ struct KvSharedMutexObject {
     uint32_t dwReady;      // written last: an object without it was never initialised
     uint32_t cRecursion;   // levels held by the owner; only the owner touches it
     uint32_t cSpinEstimate;  // recent spins before acquisition, for the adaptive spin
-    uint32_t dwReserved;
+    uint32_t dwSequence;     // odd while owned: lets readers check that nobody wrote
     pthread_mutex_t mtxLayout;
 };
 static_assert(offsetof(KvSharedMutexObject, mtxLayout) == 16, "mutex object layout");
@@ -250,6 +250,31 @@ bool KvNamedMutex::IsOwned() const
            (__atomic_load_n(KvWord(m_pobj), __ATOMIC_RELAXED) & FUTEX_TID_MASK) == KvGetCurrentThreadId();
 }
 
+uint32_t KvNamedMutex::BeginRead() const
+{
+    if (m_pobj == nullptr)
+        return 1;
+    // While another thread holds the mutex, wait for it on reads for as long as
+    // a locker would spin: queueing for the lock instead would make the reader
+    // one more holder in the way of the writers.
+    uint32_t dwSeq = __atomic_load_n(&m_pobj->dwSequence, __ATOMIC_ACQUIRE);
+    if ((dwSeq & 1) == 0 || IsOwned())
+        return dwSeq;
+    for (uint32_t i = 0; (dwSeq & 1) != 0 && i < kKvSpinMax; ++i) {
+        KvCpuRelax();
+        dwSeq = __atomic_load_n(&m_pobj->dwSequence, __ATOMIC_ACQUIRE);
+    }
+    return dwSeq;
+}
+
+bool KvNamedMutex::EndRead(uint32_t dwSeq) const
+{
+    if ((dwSeq & 1) != 0)
+        return IsOwned();  // only the owner writes, and that is the reader
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    return __atomic_load_n(&m_pobj->dwSequence, __ATOMIC_RELAXED) == dwSeq;
+}
+
 bool KvNamedMutex::Lock()
 {
     KvSharedMutexObject* p = m_pobj;
@@ -272,6 +297,10 @@ bool KvNamedMutex::Lock()
         KvEnqueue(phead, p);
     KvSetPending(phead, nullptr);
     p->cRecursion = 1;  // also after taking over an abandoned mutex
+    // Odd from here on (an owner that died left it odd already); the fence keeps
+    // the owner's writes after it.
+    __atomic_store_n(&p->dwSequence, (p->dwSequence + 1) | 1, __ATOMIC_RELAXED);
+    __atomic_thread_fence(__ATOMIC_RELEASE);
     return true;
 }
 
@@ -317,6 +346,7 @@ void KvNamedMutex::Unlock()
         return;  // not the owner: releasing is refused, as for any recursive mutex
     if (--p->cRecursion > 0)
         return;
+    __atomic_store_n(&p->dwSequence, p->dwSequence + 1, __ATOMIC_RELEASE);
     robust_list_head* phead = KvRobustHead();
     KvSetPending(phead, KvEntry(p));
     if (phead != nullptr)

@@ -24,6 +24,11 @@ inline bool KvRsIsRunning()
 void KvRsLockGlobal();
 void KvRsUnlockGlobal();
 
+// Reads without the global mutex (see KvNamedMutex::BeginRead): true from the
+// end call when the read counts as made under the mutex.
+uint32_t KvRsBeginUnlockedRead();
+bool KvRsEndUnlockedRead(uint32_t dwSeq);
+
 // Holds the global mutex for a scope.
 struct KvRsGlobalLock {
     KvRsGlobalLock() { KvRsLockGlobal(); }

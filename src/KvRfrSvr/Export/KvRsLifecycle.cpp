@@ -193,6 +193,16 @@ void KvRsUnlockGlobal()
     s_mtxGlobal.Unlock();
 }
 
+uint32_t KvRsBeginUnlockedRead()
+{
+    return s_mtxGlobal.BeginRead();
+}
+
+bool KvRsEndUnlockedRead(uint32_t dwSeq)
+{
+    return s_mtxGlobal.EndRead(dwSeq);
+}
+
 void KvRsRequestMutex(void)
 {
     if (KvRsIsRunning())

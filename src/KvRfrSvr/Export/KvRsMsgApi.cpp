@@ -81,8 +81,35 @@ KvRsQueueProxy KvRsCreateQueue(const char* name)
     });
 }
 
+namespace {
+// Pollers call KvRsGetMsgCount in a loop. A count read while no other thread
+// holds the global mutex is the count that the call would read under it, so a
+// poll that finds the mutex free reads without taking it: the poller then never
+// writes the mutex's cache line and never delays the notifier it waits for.
+// False when the mutex was held meanwhile (or anything looks wrong): the frame
+// then reads under the mutex.
+bool KvRsPollDefaultQueue(long* pc)
+{
+    const CRsQueue* pQueue = g_ptrThisPrcsQueue.Get();
+    if (!KvRsIsRunning() || pQueue == nullptr)
+        return false;
+    const uint32_t dwSeq = KvRsBeginUnlockedRead();
+    const CRsMsgList* pList = pQueue->m_ptrMsgList.Get();
+    if (!KvGranularity::_IsPointerInComittedRange(pList))
+        return false;
+    const long c = pList->m_lst.GetCount();
+    if (!KvRsEndUnlockedRead(dwSeq))
+        return false;
+    *pc = c;
+    return true;
+}
+}  // namespace
+
 long KvRsGetMsgCount(void)
 {
+    long c = 0;
+    if (KvRsPollDefaultQueue(&c))
+        return c;
     return KvRsFramedResult<long>(__LINE__, [&](long& cResult) { cResult = KvRsUse(g_ptrThisPrcsQueue)->GetMsgCount(); });
 }
 
