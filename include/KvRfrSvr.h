@@ -73,7 +73,11 @@
  *   - KvRsForAllNodes is not atomic: each step takes the mutex on its own and
  *     the callback runs without it (unless you hold it).
  *   - Nothing is pushed to a process: poll KvRsGetMsgCount/KvRsGetMsg (or a
- *     queue of your own) at a rate that suits you.
+ *     queue of your own) at a rate that suits you.  KvRsGetMsgCount answers
+ *     as if it took the mutex, but when nobody holds the mutex it only reads
+ *     (checking that nobody took it meanwhile), so a tight polling loop does
+ *     not slow down the processes that notify it.  While another thread
+ *     holds the mutex, it waits like every other call.
  *   - Process exit (exit(), return from main, dlclose) first removes every
  *     connection, queue entry and message of the process from the tree, then
  *     releases one reference on the root node and the default queue and
@@ -289,7 +293,9 @@ KVRFRSVR_API void KvRsGetMsgTarget(void* hMsg, unsigned long idMsg, void*& hTarg
 
 /* A new queue owned by the calling process, with that name. */
 KVRFRSVR_API KvRsQueueProxy KvRsCreateQueue(const char* name);
-/* Messages waiting in the default queue. */
+/* Messages waiting in the default queue.  Takes the mutex only when another
+ * thread holds it (see Caveats); the count is one that held at a moment when
+ * no other thread held the mutex. */
 KVRFRSVR_API long KvRsGetMsgCount(void);
 /* Takes the first message of the default queue; empty proxy when none. */
 KVRFRSVR_API KvRsMsgProxy KvRsGetMsg(void);
