@@ -25,7 +25,6 @@ done
 args=()
 [ $short = 1 ] && args=(--short)
 rows=$(mktemp)
-trap 'rm -f "$rows"' EXIT
 
 # The programs load the library, which attaches the namespace in the
 # environment as they start: give them a private one from the outset, so that
@@ -33,9 +32,18 @@ trap 'rm -f "$rows"' EXIT
 # itself in a namespace of its own.
 export KVRFRSVR_NAMESPACE="kvcmp.run.$$"
 
+# Single runs scatter on a shared virtual machine: the full run repeats both
+# programs (KV_BENCH_RUNS times, 3 by default) and reports the median run.
+runs=${KV_BENCH_RUNS:-3}
+[ $short = 1 ] && runs=1
+raw=$(mktemp)
+trap 'rm -f "$rows" "$raw"' EXIT
 start=$(date +%s)
-"$bin/compare_roundtrip" "${args[@]}" >>"$rows"
-"$bin/compare_tree" "${args[@]}" >>"$rows"
+for ((i = 0; i < runs; i++)); do
+  "$bin/compare_roundtrip" "${args[@]}" >>"$raw"
+  "$bin/compare_tree" "${args[@]}" >>"$raw"
+done
+awk -f "$here/compare/merge_runs.awk" "$raw" >"$rows"
 if ! grep -q $'^ROW\tRound trip.*\tKvRfrSvr' "$rows"; then
   echo "run.sh: note: the library's own rows are missing (shared library not built)" >&2
 fi
@@ -77,6 +85,9 @@ if [ $short = 0 ]; then
     echo "  KvRsSetNodeValue; Boost assigns 16 bytes to the entry's vector. Each size runs"
     echo "  in a fresh process with a fresh segment. The largest tree is 85 % of what the"
     echo "  pool area holds at the larger of the two bytes-per-leaf figures."
+    echo "- Both programs ran $runs times; each figure is the median over the runs of"
+    echo "  the per-run medians (and p99s), since single runs scatter on this shared"
+    echo "  virtual machine."
     echo "- The clock moves in steps of about 10 ns on this machine: value, notification"
     echo "  and trivial-call figures are averages over batches of 10 or 100 calls."
     echo
