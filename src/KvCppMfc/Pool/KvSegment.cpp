@@ -17,6 +17,17 @@
 #include "KvMemoryWatcher.h"
 #include "KvSegmentState.h"
 
+// The attachment count is changed atomically by every process. The header is
+// packed, so the field's type promises no alignment; its offset (588) and the
+// page-aligned mapping do, and the aligned view lets the atomics say so.
+static_assert(offsetof(KvGranularity::Info, _cAllocSharedMem) % alignof(int32_t) == 0,
+              "the attachment count must be aligned for atomic access");
+static inline int32_t* KvAttachCount(KvGranularity::Info* pInfo)
+{
+    return reinterpret_cast<int32_t*>(reinterpret_cast<char*>(pInfo) +
+                                      offsetof(KvGranularity::Info, _cAllocSharedMem));
+}
+
 namespace {
 // Per-process state of the attachment. Made on first use and never destroyed, so
 // that start-up and exit code of other files may attach and detach in any order
@@ -95,7 +106,7 @@ void KvSegmentForkChild()
         KvFlockShared(s.shmSegment.m_fd);
     s.fdForkSpare = -1;
     KvGranularity::_hMem = s.shmSegment.m_fd;
-    __atomic_add_fetch(&KvGranularity::_poinf->_cAllocSharedMem, KvGranularity::_s_cThisApplicationsAccess,
+    __atomic_add_fetch(KvAttachCount(KvGranularity::_poinf), KvGranularity::_s_cThisApplicationsAccess,
                        __ATOMIC_SEQ_CST);
 }
 
@@ -293,7 +304,7 @@ int32_t KvGranularity::_AllocSharedMem(uint32_t size, const char* pszName)
         KvCheckFingerprint(pszName);
     _Init(fFirst);
     _stMax = size;
-    return __atomic_load_n(&_poinf->_cAllocSharedMem, __ATOMIC_SEQ_CST);
+    return __atomic_load_n(KvAttachCount(_poinf), __ATOMIC_SEQ_CST);
 }
 
 void KvGranularity::_AllocMem(uint32_t size)
@@ -314,7 +325,7 @@ void KvGranularity::_Init(bool fFirst)
     _poinf = reinterpret_cast<Info*>(_pvBase);
     if (!fFirst) {
         _aogran = reinterpret_cast<KvGranularity*>(_poinf->_agran);
-        __atomic_add_fetch(&_poinf->_cAllocSharedMem, 1, __ATOMIC_SEQ_CST);
+        __atomic_add_fetch(KvAttachCount(_poinf), 1, __ATOMIC_SEQ_CST);
         return;
     }
     _poinf->_pvRootObj = KvsPtr<char>::FromOffset(KVGRAN_HEADER_SIZE);
@@ -337,7 +348,7 @@ int32_t KvGranularity::_FreeMem()
     // Attachments and releases of several processes meet here without a common
     // lock (joining runs under KVCRITSEC, releasing under the caller's), so the
     // counter moves atomically.
-    const int32_t cRemaining = __atomic_sub_fetch(&_poinf->_cAllocSharedMem, 1, __ATOMIC_SEQ_CST);
+    const int32_t cRemaining = __atomic_sub_fetch(KvAttachCount(_poinf), 1, __ATOMIC_SEQ_CST);
     const bool fRelease = _s_cThisApplicationsAccess == 1;
     _s_cThisApplicationsAccess -= 1;
     if (!fRelease)
@@ -397,13 +408,13 @@ bool KvGranularity::_IsPointerInComittedRange(const void* pv)
 
 int32_t KvGranularity::_QueryCountAllocSharedMem()
 {
-    return _poinf != nullptr ? __atomic_load_n(&_poinf->_cAllocSharedMem, __ATOMIC_SEQ_CST) : 0;
+    return _poinf != nullptr ? __atomic_load_n(KvAttachCount(_poinf), __ATOMIC_SEQ_CST) : 0;
 }
 
 void KvGranularity::_DecCountAllocSharedMem()
 {
     if (_poinf != nullptr)
-        __atomic_sub_fetch(&_poinf->_cAllocSharedMem, 1, __ATOMIC_SEQ_CST);
+        __atomic_sub_fetch(KvAttachCount(_poinf), 1, __ATOMIC_SEQ_CST);
 }
 
 // --- handles closed at exit ------------------------------------------------
