@@ -1,4 +1,7 @@
-// Connections and notification through the public API in one process.
+// Connections, notification, queues and proxies through the public API in one
+// process, and the global mutex's recursion.
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "KvApiTestUtil.h"
@@ -31,45 +34,32 @@ struct KvNodeFixture : ::testing::Test {
 
 TEST_F(KvNodeFixture, StructuralBitsAlsoReachTheStructuralChangeClients)
 {
+    KvRsNodeProxy kid = KvRsCreateNode("kid", n.GetHandle(), n.GetId());
     KvRsConnectClient(n.GetHandle(), n.GetId(), KvTarget(10), 1);
+    KvRsConnectClient(kid.GetHandle(), kid.GetId(), KvTarget(11), 1);
     KvRsConnectForAllStructuralChanges(KvTarget(20), 2);
-
     KvRsNotifyNodeClients(n.GetHandle(), n.GetId(), 0x1, nullptr, 0, false);
     EXPECT_EQ((std::vector<unsigned long>{1}), KvDrain());
     for (unsigned long type : {0x2ul, 0x4ul, 0x8ul}) {
         KvRsNotifyNodeClients(n.GetHandle(), n.GetId(), type, nullptr, 0, false);
         EXPECT_EQ((std::vector<unsigned long>{type, type}), KvDrain()) << type;
     }
+    // Recursive on the node: the child's client hears of it too; the root's
+    // notification is not recursive whatever the flag.
+    KvRsNotifyNodeClients(n.GetHandle(), n.GetId(), 0x4, nullptr, 0, true);
+    EXPECT_EQ(3u, KvDrain().size());
     KvRsNotifyNodeServer(n.GetHandle(), n.GetId(), 0x2, nullptr, 0);  // no server, and never the root
     EXPECT_TRUE(KvDrain().empty());
-
     KvRsDisconnectForAllStructuralChanges(KvTarget(20), 2);
     KvRsNotifyNodeClients(n.GetHandle(), n.GetId(), 0x2, nullptr, 0, false);
     EXPECT_EQ(1u, KvDrain().size());
     KvRsDisconnectClient(n.GetHandle(), n.GetId(), KvTarget(10), 1);
-}
-
-TEST_F(KvNodeFixture, TheFlagReachesOnlyTheNodesOwnNotification)
-{
-    KvRsNodeProxy kid = KvRsCreateNode("kid", n.GetHandle(), n.GetId());
-    KvRsConnectClient(kid.GetHandle(), kid.GetId(), KvTarget(11), 1);
-    KvRsConnectForAllStructuralChanges(KvTarget(21), 2);
-    // Recursive on the node: the child's client hears of it. The root's
-    // notification is not recursive whatever the flag, so its own client only.
-    KvRsNotifyNodeClients(n.GetHandle(), n.GetId(), 0x4, nullptr, 0, true);
-    EXPECT_EQ(2u, KvDrain().size());
-    KvRsNotifyNodeClients(n.GetHandle(), n.GetId(), 0x1, nullptr, 0, false);
-    EXPECT_TRUE(KvDrain().empty());
-    KvRsDisconnectForAllStructuralChanges(KvTarget(21), 2);
     KvRsDisconnectClient(kid.GetHandle(), kid.GetId(), KvTarget(11), 1);
 }
 
 TEST_F(KvNodeFixture, ServerAndClientRecords)
 {
     KVRSCONNECTINFO info;
-    KvRsGetServer(n.GetHandle(), n.GetId(), &info);
-    EXPECT_TRUE(info.proxyQueue.IsNull());  // no server: untouched
-
     KvRsQueueProxy q = KvRsCreateQueue("srv");
     KvRsConnectServerToQueue(n.GetHandle(), n.GetId(), KvTarget(5), 6, q.GetHandle(), q.GetId());
     KvRsGetServer(n.GetHandle(), n.GetId(), &info);
@@ -89,8 +79,7 @@ TEST_F(KvNodeFixture, ServerAndClientRecords)
 
     KvRsConnectClient(n.GetHandle(), n.GetId(), KvTarget(30), 3);
     KvRsConnectClient(n.GetHandle(), n.GetId(), KvTarget(10), 1);
-    KvRsConnectClient(n.GetHandle(), n.GetId(), KvTarget(10), 1);  // same client, counted twice
-    ASSERT_EQ(2, KvRsGetClientCount(n.GetHandle(), n.GetId()));
+    KvRsConnectClient(n.GetHandle(), n.GetId(), KvTarget(10), 1);  // the same client, counted twice
     KVRSCONNECTINFO aInfo[3];
     aInfo[2].pvTarget = KvTarget(99);
     KvRsEnumClients(n.GetHandle(), n.GetId(), aInfo, 3);
@@ -102,26 +91,52 @@ TEST_F(KvNodeFixture, ServerAndClientRecords)
     KvRsDisconnectClient(n.GetHandle(), n.GetId(), KvTarget(10), 1);
     KvRsDisconnectClient(n.GetHandle(), n.GetId(), KvTarget(30), 3);
     EXPECT_EQ(0, KvRsGetClientCount(n.GetHandle(), n.GetId()));
-
-    KvStderrCapture capture;
-    EXPECT_EQ(0, KvRsGetClientCount(nullptr, 0));
-    KvRsEnumClients(nullptr, 0, aInfo, 3);
-    EXPECT_EQ(KvTarget(99), aInfo[2].pvTarget);
-    KvRsConnectClient(nullptr, 0, KvTarget(1), 1);
-    KvRsConnectServer(nullptr, 0, KvTarget(1), 1);
-    KvRsDisconnectServer(nullptr, 0);
-    KvRsDisconnectClient(nullptr, 0, KvTarget(1), 1);
-    KvRsGetServer(nullptr, 0, &info);
-    EXPECT_EQ("", capture.Stop());
 }
 
 TEST(KvApiMutex, RequestIsRecursiveForItsThread)
 {
     KvRsRequestMutex();
     KvRsRequestMutex();
-    KvRsNodeProxy n = KvRsCreateNode("", nullptr, 0);  // calls inside do not block
-    EXPECT_FALSE(n.IsNull());
+    EXPECT_FALSE(KvRsCreateNode("", nullptr, 0).IsNull());  // calls inside do not block
     KvRsReleaseMutex();
     KvRsReleaseMutex();
     EXPECT_TRUE(KvMutexFreeForOthers());
+}
+
+TEST(KvApiProxy, CopiesCountAndTheLastReleaseDestroys)
+{
+    KvRsValueProxy v = KvRsCreateValue();
+    void* const h = v.GetHandle();
+    const unsigned long id = v.GetId();
+    {
+        KvRsValueProxy copy(v), assigned;
+        assigned = copy;
+        assigned = assigned;  // re-naming the same object keeps it alive
+    }
+    unsigned char ab[1] = {1};
+    KvRsSetValueBytes(h, id, ab, 1);  // still alive
+    EXPECT_EQ(1, KvRsGetValueByteCount(h, id));
+}
+
+TEST(KvApiQueue, NamedQueueTakesItsClientsMessagesFrontBitFirst)
+{
+    EXPECT_TRUE(KvRsGetMsg().IsNull());
+    KvRsQueueProxy q = KvRsCreateQueue("my queue");
+    EXPECT_STREQ("my queue", KvRsGetQueueName(q.GetHandle(), q.GetId()));
+    EXPECT_EQ(static_cast<unsigned long>(getpid()), KvRsGetQueueProcessId(q.GetHandle(), q.GetId()));
+    KvRsNodeProxy n = KvRsCreateNode("queues.n", nullptr, 0);
+    KvRsConnectClientToQueue(n.GetHandle(), n.GetId(), reinterpret_cast<void*>(1), 1, q.GetHandle(), q.GetId());
+    KvRsNotifyNodeClients(n.GetHandle(), n.GetId(), 3, nullptr, 0, false);
+    KvRsNotifyNodeClients(n.GetHandle(), n.GetId(), 0x10004, nullptr, 0, false);  // to the front
+    EXPECT_EQ(2, KvRsGetQueueMsgCount(q.GetHandle(), q.GetId()));
+    EXPECT_EQ(0, KvRsGetMsgCount());
+    KvRsMsgProxy m1 = KvRsGetQueueMsg(q.GetHandle(), q.GetId());
+    KvRsMsgProxy m2 = KvRsGetQueueMsg(q.GetHandle(), q.GetId());
+    EXPECT_EQ(4u, KvRsGetMsgType(m1.GetHandle(), m1.GetId()));
+    EXPECT_EQ(3u, KvRsGetMsgType(m2.GetHandle(), m2.GetId()));
+    EXPECT_EQ(n.GetHandle(), KvRsGetMsgChangedNode(m1.GetHandle(), m1.GetId()).GetHandle());
+    EXPECT_TRUE(KvRsGetQueueMsg(q.GetHandle(), q.GetId()).IsNull());
+    KvRsDisconnectClient(n.GetHandle(), n.GetId(), reinterpret_cast<void*>(1), 1);
+    KvRsNodeProxy root = KvRsCreateNode("", nullptr, 0);
+    KvRsRemoveChildNode(root.GetHandle(), root.GetId(), "queues");
 }

@@ -4,7 +4,6 @@
 // next, so the teardown still frees a sound tree.
 #include <cstring>
 #include <type_traits>
-#include <random>
 
 #include "CRsTestModel.h"
 #include "KvRfrSvr/Internal/CRsCheck.h"
@@ -24,11 +23,6 @@ struct KvUnalignedWord {
 
 namespace {
 
-void* H(uintptr_t u)
-{
-    return reinterpret_cast<void*>(u);
-}
-
 class CRsCheckTest : public CRsModelTest {
 protected:
     static std::vector<std::string> Problems(CRsCheckCensus* pCensus = nullptr)
@@ -37,28 +31,20 @@ protected:
         CRsCheckSegment(report, pCensus);
         return report.Problems();
     }
-    // Passes when exactly the check's lines contain strWhat somewhere.
+    // Passes when one of the check's lines contains strWhat ("": when there is none).
     static ::testing::AssertionResult Reports(const std::string& strWhat)
     {
-        const std::vector<std::string> v = Problems();
         std::string strAll;
-        for (const std::string& str : v) {
-            if (str.find(strWhat) != std::string::npos)
+        for (const std::string& str : Problems()) {
+            if (!strWhat.empty() && str.find(strWhat) != std::string::npos)
                 return ::testing::AssertionSuccess();
             strAll += "\n  " + str;
         }
-        return ::testing::AssertionFailure() << "no line contains \"" << strWhat << "\"; lines:" << strAll;
-    }
-    static ::testing::AssertionResult Clean()
-    {
-        const std::vector<std::string> v = Problems();
-        if (v.empty())
+        if (strWhat.empty() && strAll.empty())
             return ::testing::AssertionSuccess();
-        ::testing::AssertionResult r = ::testing::AssertionFailure();
-        for (const std::string& str : v)
-            r << "\n  " << str;
-        return r;
+        return ::testing::AssertionFailure() << "looked for \"" << strWhat << "\"; lines:" << strAll;
     }
+    static ::testing::AssertionResult Clean() { return Reports(""); }
     // Sets a field for one check and puts the old value back. Fields of packed
     // structures may be misaligned, so they are reached by address and copied
     // bytewise, never bound to a reference.
@@ -125,40 +111,11 @@ TEST_F(CRsCheckTest, ABusyTreePassesAndIsLeftAsItWas)
     ASSERT_EQ(1u, vEnded.size());
     EXPECT_EQ(qDead.Offset(), vEnded[0].m_ofs);
     EXPECT_EQ(1, vEnded[0].m_cMsgs);  // a's client 2; c5 is out of the recursive walk
-    for (uint32_t i = 1; i < KVGRAN_COUNT; ++i)
-        EXPECT_LE(census.m_acReachable[i], census.m_acInUse[i]) << "pool " << i;
 
     a->DisconnectServer();
     a->DisconnectClient(H(3), 3);
     a->DisconnectClient(H(3), 3);
     EXPECT_TRUE(Clean());
-}
-
-// Splits, merges and level changes of a child index, and clients coming and
-// going, never look broken to the check.
-TEST_F(CRsCheckTest, ListsReshapedByRandomChangesStayClean)
-{
-    KvSmartPtr<CRsNode> root = GetRoot();
-    KvSmartPtr<CRsNode> a = MakeNode(root, "a");
-    KvSmartPtr<CRsQueue> q = MakeQueue(0x7ffffff0);
-    std::mt19937 rng(7);
-    for (int i = 0; i < 3000; ++i) {
-        const std::string strName = "c" + std::to_string(rng() % 400);
-        if (rng() % 3 != 0)
-            MakeNode(a, strName.c_str());
-        else
-            a->RemoveChild(strName.c_str());
-        a->ConnectClient(H(rng() % 200), 1, rng() % 2 ? q : g_ptrThisPrcsQueue);
-        if (i % 250 == 0) {
-            ASSERT_TRUE(Clean()) << "after " << i << " changes";
-        }
-    }
-    EXPECT_TRUE(Clean());
-    for (uintptr_t u = 0; u < 200; ++u)
-        for (int i = 0; i < 40; ++i)
-            a->DisconnectClient(H(u), 1);  // this process's clients only
-    EXPECT_TRUE(Clean());
-    Drain(q);
 }
 
 TEST_F(CRsCheckTest, DamagedHeaderAndPoolsAreNamed)

@@ -1,8 +1,6 @@
 // KvTestMain.cpp - main of every test executable: runs a child scenario when
 // asked (--kv-child=NAME), else the Google Test cases.
-#include <gtest/gtest.h>
-
-bool KvRunChildScenarioIfAsked(int argc, char** argv, int* piExit);
+#include "common/KvTestSupport.h"
 
 int main(int argc, char** argv)
 {

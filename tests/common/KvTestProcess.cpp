@@ -1,6 +1,5 @@
-// KvTestProcess.cpp - the process helpers of KvTestSupport.h: child scenarios,
-// spawning with a watchdog, namespaces and standard-error capture. Programs that
-// use the library only through libKvRfrSvr.so link these too, and must not get a
+// KvTestProcess.cpp - the process helpers of KvTestSupport.h. Programs that use
+// the library only through libKvRfrSvr.so link these too, and must not get a
 // second, static copy of the library's layers, so nothing here uses them: the
 // namespace suffix, the executable path and the spawning are plain POSIX calls.
 #include "common/KvTestSupport.h"
@@ -17,7 +16,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <thread>
 
 extern char** environ;
@@ -27,21 +28,6 @@ std::map<std::string, KvChildScenario>& KvScenarios()
 {
     static std::map<std::string, KvChildScenario> s_map;
     return s_map;
-}
-
-std::string KvSelfPath()
-{
-    char sz[PATH_MAX + 1];
-    const ssize_t cch = readlink("/proc/self/exe", sz, PATH_MAX);
-    return cch > 0 ? std::string(sz, static_cast<size_t>(cch)) : std::string();
-}
-
-// "." + namespace + "." + word size, as the library names its objects.
-std::string KvSuffix()
-{
-    const char* psz = getenv("KVRFRSVR_NAMESPACE");
-    const std::string strNs = psz != nullptr && *psz != '\0' ? psz : "u" + std::to_string(getuid());
-    return "." + strNs + "." + std::to_string(sizeof(void*) * 8);
 }
 }  // namespace
 
@@ -56,25 +42,42 @@ bool KvRunChildScenarioIfAsked(int argc, char** argv, int* piExit)
     if (argc < 2 || strncmp(argv[1], "--kv-child=", 11) != 0)
         return false;
     auto it = KvScenarios().find(argv[1] + 11);
-    if (it == KvScenarios().end()) {
-        fprintf(stderr, "unknown child scenario %s\n", argv[1] + 11);
-        *piExit = 99;
-        return true;
-    }
-    *piExit = it->second(std::vector<std::string>(argv + 2, argv + argc));
+    *piExit = it == KvScenarios().end() ? 99 : it->second(std::vector<std::string>(argv + 2, argv + argc));
     return true;
+}
+
+pid_t KvTestSpawnExe(const std::vector<std::string>& argv, const std::string& strIn, const std::string& strOut,
+                     const std::string& strErr)
+{
+    std::vector<char*> vpsz;
+    for (const std::string& s : argv)
+        vpsz.push_back(const_cast<char*>(s.c_str()));
+    vpsz.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    if (!strIn.empty())
+        posix_spawn_file_actions_addopen(&fa, 0, strIn.c_str(), O_RDONLY, 0);
+    if (!strOut.empty())
+        posix_spawn_file_actions_addopen(&fa, 1, strOut.c_str(), O_WRONLY | O_TRUNC, 0);
+    if (!strErr.empty() && strErr == strOut)
+        posix_spawn_file_actions_adddup2(&fa, 1, 2);
+    else if (!strErr.empty())
+        posix_spawn_file_actions_addopen(&fa, 2, strErr.c_str(), O_WRONLY | O_TRUNC, 0);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, vpsz[0], &fa, nullptr, vpsz.data(), environ) != 0)
+        pid = -1;
+    posix_spawn_file_actions_destroy(&fa);
+    return pid;
 }
 
 pid_t KvTestSpawn(const std::string& strScenario, const std::vector<std::string>& args)
 {
-    std::vector<std::string> vstr{KvSelfPath(), "--kv-child=" + strScenario};
+    char sz[PATH_MAX + 1];
+    const ssize_t cch = readlink("/proc/self/exe", sz, PATH_MAX);
+    std::vector<std::string> vstr{std::string(sz, cch > 0 ? static_cast<size_t>(cch) : 0),
+                                  "--kv-child=" + strScenario};
     vstr.insert(vstr.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& s : vstr)
-        argv.push_back(const_cast<char*>(s.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    return posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0 ? pid : -1;
+    return KvTestSpawnExe(vstr);
 }
 
 int KvTestWait(pid_t pid, int cSeconds)
@@ -83,10 +86,7 @@ int KvTestWait(pid_t pid, int cSeconds)
         return -1;
     const auto tEnd = std::chrono::steady_clock::now() + std::chrono::seconds(cSeconds);
     int status = 0;
-    for (;;) {
-        const pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid)
-            break;
+    for (pid_t r; (r = waitpid(pid, &status, WNOHANG)) != pid;) {
         if (r < 0)
             return -1;
         if (std::chrono::steady_clock::now() > tEnd) {
@@ -97,9 +97,33 @@ int KvTestWait(pid_t pid, int cSeconds)
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::string KvTestTempFile()
+{
+    char sz[] = "/tmp/kvtest.XXXXXX";
+    const int fd = mkstemp(sz);
+    if (fd >= 0)
+        close(fd);
+    return sz;
+}
+
+std::string KvTestReadFile(const std::string& strPath)
+{
+    std::ifstream in(strPath, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+int KvTestRunExe(const std::vector<std::string>& argv, std::string* pstrOut, int cSeconds)
+{
+    const std::string strFile = KvTestTempFile();
+    const int iStatus = KvTestWait(KvTestSpawnExe(argv, "", strFile, strFile), cSeconds);
+    *pstrOut = KvTestReadFile(strFile);
+    unlink(strFile.c_str());
+    return iStatus;
 }
 
 std::string KvTestUseFreshNamespace()
@@ -118,8 +142,11 @@ std::string KvTestUseFreshNamespace()
 
 std::vector<std::string> KvTestNamespaceObjects()
 {
+    // "." + namespace + "." + word size, as the library names its objects.
+    const char* psz = getenv("KVRFRSVR_NAMESPACE");
+    const std::string strSuffix = "." + (psz != nullptr && *psz != '\0' ? psz : "u" + std::to_string(getuid())) +
+                                  "." + std::to_string(sizeof(void*) * 8);
     std::vector<std::string> v;
-    const std::string strSuffix = KvSuffix();
     if (DIR* pdir = opendir("/dev/shm")) {
         while (dirent* pent = readdir(pdir)) {
             const std::string s = pent->d_name;
@@ -131,16 +158,13 @@ std::vector<std::string> KvTestNamespaceObjects()
     return v;
 }
 
-// --- standard-error capture ---------------------------------------------------
-
-KvStderrCapture::KvStderrCapture()
+KvStderrCapture::KvStderrCapture() : m_strPath(KvTestTempFile())
 {
-    char szPath[] = "/tmp/kvrs-stderr-XXXXXX";
-    m_fdFile = mkstemp(szPath);
-    unlink(szPath);
     fflush(stderr);
     m_fdSaved = dup(2);
-    dup2(m_fdFile, 2);
+    const int fd = open(m_strPath.c_str(), O_WRONLY);
+    dup2(fd, 2);
+    close(fd);
 }
 
 KvStderrCapture::~KvStderrCapture()
@@ -150,20 +174,14 @@ KvStderrCapture::~KvStderrCapture()
 
 std::string KvStderrCapture::Stop()
 {
-    std::string str;
     if (m_fdSaved < 0)
-        return str;
+        return "";
     fflush(stderr);
     dup2(m_fdSaved, 2);
     close(m_fdSaved);
     m_fdSaved = -1;
-    lseek(m_fdFile, 0, SEEK_SET);
-    char ach[4096];
-    ssize_t cb;
-    while ((cb = read(m_fdFile, ach, sizeof(ach))) > 0)
-        str.append(ach, static_cast<size_t>(cb));
-    close(m_fdFile);
-    m_fdFile = -1;
+    const std::string str = KvTestReadFile(m_strPath);
+    unlink(m_strPath.c_str());
     return str;
 }
 

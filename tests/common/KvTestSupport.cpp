@@ -6,15 +6,12 @@
 
 KvPoolSnapshot KvTakePoolSnapshot()
 {
-    KvPoolSnapshot snap;
-    if (KvGranularity::_poinf == nullptr)
-        return snap;
-    for (uint32_t i = 0; i < KVGRAN_COUNT; ++i) {
+    KvPoolSnapshot snap{};
+    for (uint32_t i = 0; KvGranularity::_poinf != nullptr && i < KVGRAN_COUNT; ++i) {
         const KvGranularity* g = KvGranularity::_GetGranularity(i);
-        snap.aNet[i] = static_cast<int64_t>(g->_cAllocChecked + g->_cFreeChecked + g->_cNetUnchecked);
+        // Frees are counted downwards: the sum wraps to the net count.
+        snap[i] = static_cast<int64_t>(g->_cAllocChecked + g->_cFreeChecked + g->_cNetUnchecked);
     }
-    snap.cbNet = static_cast<int64_t>(KvGranularity::_poinf->_cbAllocChecked + KvGranularity::_poinf->_cbFreeChecked +
-                                      KvGranularity::_poinf->_cbNetUnchecked);
     return snap;
 }
 
@@ -22,9 +19,9 @@ KvPoolSnapshot KvTakePoolSnapshot()
 {
     const KvPoolSnapshot now = KvTakePoolSnapshot();
     for (uint32_t i = 0; i < KVGRAN_COUNT; ++i)
-        if (now.aNet[i] != before.aNet[i])
+        if (now[i] != before[i])
             return ::testing::AssertionFailure()
                    << "pool " << i << " (block size " << KvGranularity::_GetGranularity(i)->_stSize << ") holds "
-                   << (now.aNet[i] - before.aNet[i]) << " more blocks than at the snapshot";
+                   << (now[i] - before[i]) << " more blocks than at the snapshot";
     return ::testing::AssertionSuccess();
 }

@@ -1,30 +1,43 @@
-// KvRobustSupport.h - helpers of the bad-input tests: looking behind a proxy at the object model (these tests link
-// the library's layers statically, so there is one copy of its state), and the
-// consistency checks run after each kind of bad input.
+// KvRobustSupport.h - helpers of the bad-input tests. They link the library's
+// layers statically (one copy of its state), so the segment's consistency check
+// runs in this process, under the global mutex.
 #pragma once
 
 #include <string>
 
-#include <gtest/gtest.h>
-
 #include "KvRfrSvr.h"
+#include "KvRfrSvr/Internal/CRsCheck.h"
 #include "common/KvTestSupport.h"
 
-class CRsNode;
+// Adds this process's own root reference (its exit releases one) and returns the root.
+inline KvRsNodeProxy KvRobustRoot()
+{
+    static bool s_fKept = false;
+    KvRsNodeProxy root = KvRsCreateNode("", nullptr, 0);
+    if (!s_fKept)
+        KvRsAddRef(root.GetHandle(), root.GetId());
+    s_fKept = true;
+    return root;
+}
 
-// Adds this process's own root reference (its exit releases one) and returns
-// the root.
-KvRsNodeProxy KvRobustRoot();
+// Google Test assertion: the whole segment passes the consistency check.
+inline ::testing::AssertionResult KvSegmentConsistent()
+{
+    KvCheckReport report;
+    KvRsRequestMutex();
+    CRsCheckSegment(report);
+    KvRsReleaseMutex();
+    ::testing::AssertionResult r = report.Ok() ? ::testing::AssertionSuccess() : ::testing::AssertionFailure();
+    for (const std::string& str : report.Problems())
+        r << "\n  " << str;
+    return r;
+}
 
-// The node a proxy names, inside this process's mapping.
-CRsNode* KvRobustNode(const KvRsProxy& proxy);
-
-// Walks the subtree under the global mutex and verifies every child list and
-// client list (order, counts, index). "ok", or the first violation.
-std::string KvRobustCheckTree(const KvRsNodeProxy& start);
-
-// Runs `kvrs check` on this namespace as a separate process: "ok" when it
-// passes, "skipped" when this build has no checker (or no kvrs), else its output.
-std::string KvRobustRunChecker();
-// Google Test assertion over KvRobustRunChecker(): passes when skipped.
-::testing::AssertionResult KvRobustCheckerPasses();
+inline std::string KvNameOf(const KvRsNodeProxy& n)
+{
+    // Guard bytes behind the name catch a copy that runs past its terminator.
+    const size_t cch = static_cast<size_t>(KvRsGetNodeNameLength(n.GetHandle(), n.GetId()));
+    std::string str(cch + 33, '\xEE');
+    KvRsGetNodeName(n.GetHandle(), n.GetId(), &str[0]);
+    return str.find_first_not_of('\xEE', cch + 1) == std::string::npos ? str.substr(0, cch) : "<written past the name>";
+}
