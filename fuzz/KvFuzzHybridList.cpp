@@ -18,6 +18,7 @@
 #include "KvCppMfc/Diag/KvDebugOutput.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvCppMfc/Shared/HybridList.h"
+#include "KvFuzzPools.h"
 
 #pragma pack(push, 1)
 class KvFuzzHln : public HListSimpleNode<KvFuzzHln> {
@@ -41,16 +42,6 @@ typedef HybridList<KvFuzzHln> KvFuzzList;
     fprintf(stderr, "kvfuzz: %s\n", str.c_str());
     fflush(stderr);
     abort();
-}
-
-uint64_t PoolState()
-{
-    uint64_t qw = 0;
-    for (uint32_t i = 0; i < KVGRAN_COUNT; ++i) {
-        const KvGranularity* g = KvGranularity::_GetGranularity(i);
-        qw = qw * 1000003u + (g->_cAllocChecked + g->_cFreeChecked + g->_cNetUnchecked);
-    }
-    return qw;
 }
 
 // Where the walk along the bottom list stops for key under a rule.
@@ -150,9 +141,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pb, size_t cb)
 {
     if (cb == 0)
         return 0;
-    const uint64_t qwBefore = PoolState();
+    const uint64_t qwBefore = KvFuzzPoolState();
     Run(pb, cb);
-    if (PoolState() != qwBefore)
+    if (KvFuzzPoolState() != qwBefore)
         Fail("the pools do not balance after an input");
     return 0;
 }

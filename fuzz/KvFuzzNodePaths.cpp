@@ -111,12 +111,6 @@ bool RunOps(KvFuzzInput& in, const KvRsNodeProxy& area)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* pargc, char*** pargv)
-{
-    KvFuzzInitialize(pargc, pargv);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pb, size_t cb)
 {
     const uint64_t qwBefore = KvFuzzPoolState();

@@ -10,7 +10,7 @@
 #include "KvCppMfc/Diag/KvDebugOutput.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
 
-void KvFuzzInitialize(int* pargc, char*** pargv)
+extern "C" int LLVMFuzzerInitialize(int* pargc, char*** pargv)
 {
     (void)pargc;
     const char* pszNs = getenv("KVRFRSVR_NAMESPACE");
@@ -26,6 +26,7 @@ void KvFuzzInitialize(int* pargc, char*** pargv)
     KvDebugOutput::SetTestMode(true);
     KvRsNodeProxy root = KvRsCreateNode("", nullptr, 0);
     KvRsAddRef(root.GetHandle(), root.GetId());
+    return 0;
 }
 
 std::string KvFuzzInput::Text()
@@ -52,16 +53,6 @@ KvFuzzArea::~KvFuzzArea()
     KvRsRequestMutex();
     m_ptr = KvSmartPtr<CRsNode>();
     KvRsReleaseMutex();
-}
-
-uint64_t KvFuzzPoolState()
-{
-    uint64_t qw = 0;
-    for (uint32_t i = 0; i < KVGRAN_COUNT; ++i) {
-        const KvGranularity* g = KvGranularity::_GetGranularity(i);
-        qw = qw * 1000003u + (g->_cAllocChecked + g->_cFreeChecked + g->_cNetUnchecked);
-    }
-    return qw;
 }
 
 bool KvFuzzSegmentNearlyFull()

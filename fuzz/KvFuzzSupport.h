@@ -7,13 +7,14 @@
 #include <cstdint>
 #include <string>
 
+#include "KvFuzzPools.h"
 #include "KvRfrSvr.h"
 #include "KvRfrSvr/Internal/CRsModel.h"
 
-// Call from LLVMFuzzerInitialize: restarts the program in a namespace of its
-// own when none is set (never fuzz a user's tree), silences message boxes and
-// tones, and keeps the root alive for the process.
-void KvFuzzInitialize(int* pargc, char*** pargv);
+// KvFuzzSupport.cpp defines LLVMFuzzerInitialize for the API fuzzers: it
+// restarts the program in a namespace of its own when none is set (never fuzz a
+// user's tree), silences message boxes and tones, and keeps the root alive for
+// the process.
 
 // Reads an input front to back; past its end every read gives 0 or "".
 class KvFuzzInput {
@@ -45,10 +46,6 @@ private:
     void* m_pvHandle = nullptr;
     unsigned long m_dwId = 0;
 };
-
-// Net blocks of every pool, summed with weights so that one number changes
-// whenever any pool does.
-uint64_t KvFuzzPoolState();
 
 // True once the segment has less than 1 MiB left to carve. Removed children
 // stay allocated by design, so a long run fills the segment at last; from then

@@ -137,12 +137,6 @@ void RunOps(KvFuzzInput& in, const KvRsNodeProxy& area)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* pargc, char*** pargv)
-{
-    KvFuzzInitialize(pargc, pargv);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pb, size_t cb)
 {
     const uint64_t qwBefore = KvFuzzPoolState();

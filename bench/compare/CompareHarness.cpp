@@ -175,13 +175,21 @@ std::string ChildNamespace(const char* pszTag)
     return std::string(psz != nullptr ? psz : "kvcmp") + "." + pszTag + std::to_string(++s_cChildren);
 }
 
-pid_t SpawnSelf(const std::vector<std::string>& args)
+// This program's path followed by args, as posix_spawn takes it (the strings
+// must outlive the call).
+static std::vector<char*> SelfArgv(const std::vector<std::string>& args)
 {
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(s_strSelf.c_str()));
     for (const std::string& a : args)
         argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
+    return argv;
+}
+
+pid_t SpawnSelf(const std::vector<std::string>& args)
+{
+    std::vector<char*> argv = SelfArgv(args);
     pid_t pid = -1;
     if (posix_spawn(&pid, s_strSelf.c_str(), nullptr, nullptr, argv.data(), environ) != 0)
         return -1;
@@ -209,11 +217,7 @@ std::vector<std::pair<std::string, std::string>> RunSelf(const std::vector<std::
     posix_spawn_file_actions_init(&fa);
     posix_spawn_file_actions_adddup2(&fa, fds[1], STDOUT_FILENO);
     posix_spawn_file_actions_addclose(&fa, fds[0]);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(s_strSelf.c_str()));
-    for (const std::string& a : args)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
+    std::vector<char*> argv = SelfArgv(args);
     pid_t pid = -1;
     const int rc = posix_spawn(&pid, s_strSelf.c_str(), &fa, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&fa);

@@ -66,6 +66,17 @@ void CRsNode::NotifyClients(unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptr
 }
 
 // The messages of one node: its server's or its clients'.
+// The children of a parent node in list order, for the walks' own stacks.
+static void KvRsListChildren(const CRsNode* pNode, std::vector<CRsNode*>* pChildren)
+{
+    pChildren->clear();
+    for (CRsNodeHln* pHln = pNode->m_ptrChildList->GetFirst(); pHln != nullptr; pHln = pHln->GetNext()) {
+        KV_RS_CHECK(pHln->m_ptr.IsNotNull());
+        if (pHln->m_ptr.IsNotNull())
+            pChildren->push_back(pHln->m_ptr.Get());
+    }
+}
+
 static void KvRsNotifyOne(CRsNode* pNode, unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptrValue, bool bClients)
 {
     if (pNode->m_ptrRefreshInfo.IsNull())
@@ -113,12 +124,7 @@ void CRsNode::NotifyWalk(unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptrVal
                 stack.push_back({pNode->m_ptrRef.Get(), true, step.cRefHops + 1});
         }
         if (step.bRecursive && pNode->IsParent() && pNode->m_ptrChildList.IsNotNull()) {
-            children.clear();
-            for (CRsNodeHln* pHln = pNode->m_ptrChildList->GetFirst(); pHln != nullptr; pHln = pHln->GetNext()) {
-                KV_RS_CHECK(pHln->m_ptr.IsNotNull());
-                if (pHln->m_ptr.IsNotNull())
-                    children.push_back(pHln->m_ptr.Get());
-            }
+            KvRsListChildren(pNode, &children);
             for (auto it = children.rbegin(); it != children.rend(); ++it)
                 stack.push_back({*it, step.bRecursive, step.cRefHops});
         }
@@ -146,12 +152,7 @@ void CRsNode::DisconnectProcessWalk(bool bRecursive, uint32_t)
             pNode->m_ptrRefreshInfo->DisconnectProcess();
         if (!bRecursive || !pNode->IsParent() || pNode->m_ptrChildList.IsNull())
             continue;
-        children.clear();
-        for (CRsNodeHln* pHln = pNode->m_ptrChildList->GetFirst(); pHln != nullptr; pHln = pHln->GetNext()) {
-            KV_RS_CHECK(pHln->m_ptr.IsNotNull());
-            if (pHln->m_ptr.IsNotNull())
-                children.push_back(pHln->m_ptr.Get());
-        }
+        KvRsListChildren(pNode, &children);
         for (auto it = children.rbegin(); it != children.rend(); ++it)
             stack.push_back(*it);
     }
