@@ -15,10 +15,11 @@
 #include <vector>
 
 #include "KvFuzzSupport.h"
+#include "KvRfrSvr.h"
 
 namespace {
 
-constexpr long kLargestClass = 0x1000000;
+constexpr long kLargestClass = KVRS_VALUE_MAX_BYTES;
 
 struct KvFuzzValue {
     KvRsValueProxy proxy;

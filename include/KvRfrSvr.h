@@ -29,7 +29,7 @@
  *   bytes) or a reference to another node; a parent node keeps its children
  *   sorted by name (unsigned byte order).  Paths join child names with ".".
  *   Type bits owned by the library: 0x1 value, 0x2 reference, 0x4 parent,
- *   0x10000 const; all other bits are the caller's.
+ *   0x10000 const (KVRS_TYPE_...); all other bits are the caller's.
  *
  * NOTIFICATION
  *
@@ -39,7 +39,8 @@
  *   receiver into the receiver's queue.  The notification number's low 16 bits
  *   are the message number; bit 0x10000 puts the message at the front of the
  *   queue; 0x2 passes the notification on through reference nodes; any of 0x2,
- *   0x4, 0x8 also reaches the parties connected for all structural changes.
+ *   0x4, 0x8 also reaches the parties connected for all structural changes
+ *   (KVRS_NOTIFY_...).
  *   Every process has a default queue, "_ProcessDefaultQueue"; receivers poll.
  *
  * RESULTS AND FAILURES
@@ -70,6 +71,12 @@
  *     When other processes or threads use the library, wrap it in
  *     KvRsRequestMutex()/KvRsReleaseMutex(); a fault inside it (a stale
  *     handle) reaches the caller.
+ *   - Reading a value takes two calls, its size (KvRsGetValueByteCount) and
+ *     then its bytes (KvRsGetValueBytes), which copies as many bytes as the
+ *     value holds at that moment.  Another process may set the value in
+ *     between: hold KvRsRequestMutex across both calls, or size the buffer
+ *     for KVRS_VALUE_MAX_BYTES.  The same holds for a node's name and its
+ *     length.
  *   - KvRsForAllNodes is not atomic: each step takes the mutex on its own and
  *     the callback runs without it (unless you hold it).
  *   - Nothing is pushed to a process: poll KvRsGetMsgCount/KvRsGetMsg (or a
@@ -95,6 +102,14 @@
  *     holds.  Proxies copied into the child name the same objects but their
  *     references belong to the parent: forget them in the child rather than
  *     let them release (use _exit() or release exactly what you took).
+ *     The child makes its default queue under the global mutex before fork()
+ *     returns in it: a thread that holds KvRsRequestMutex while it forks
+ *     leaves the child blocked until the mutex is released, and a parent
+ *     that then waits for the child while holding the mutex deadlocks.
+ *     Release the mutex before fork().  A child that calls exec() or _exit()
+ *     runs no clean-up; its connections stay like those of a killed process,
+ *     and the attachment count that `kvrs stats` shows stays one too high
+ *     (nothing else depends on that count).
  *   - Namespaces: processes share a tree when they share a namespace, which
  *     is $KVRFRSVR_NAMESPACE when set and non-empty, else one per user.  It
  *     is read when the library loads.  32-bit and 64-bit processes never
@@ -105,10 +120,43 @@
  *     neutral results and a message on standard error says why.
  *   - Debug output: set BDC_DEBUG_FILE to a size limit in bytes to get a
  *     debug file (named after the executable with ".KvRfrSvr.err"),
- *     KVLOGFILEDIR to choose its directory.
+ *     KVLOGFILEDIR to choose its directory.  0, an empty or non-numeric
+ *     value means no file; a value of 4294967296 or more (or a negative
+ *     one) is taken as the largest limit, 4294967295 bytes.
  */
 #ifndef KVRFRSVR_H
 #define KVRFRSVR_H
+
+/* Version of this interface (the CMake package and pkg-config file carry the
+ * same), and as one number for #if: major * 10000 + minor * 100 + patch. */
+#define KVRFRSVR_VERSION_MAJOR 1
+#define KVRFRSVR_VERSION_MINOR 1
+#define KVRFRSVR_VERSION_PATCH 0
+#define KVRFRSVR_VERSION \
+    (KVRFRSVR_VERSION_MAJOR * 10000 + KVRFRSVR_VERSION_MINOR * 100 + KVRFRSVR_VERSION_PATCH)
+
+/* Type bits of a node that the library owns (KvRsGetNodeType and
+ * KvRsSetNodeType); every other bit is the caller's and kept as given.  A
+ * node is a value node, a reference node or a parent: at most one of the
+ * three kind bits is set, and changing them by hand changes what the library
+ * takes the node for. */
+#define KVRS_TYPE_VALUE 0x1u      /* holds a value */
+#define KVRS_TYPE_REF 0x2u        /* refers to another node */
+#define KVRS_TYPE_PARENT 0x4u     /* has (or had) children */
+#define KVRS_TYPE_KIND_MASK 0x7u  /* the three kind bits */
+#define KVRS_TYPE_CONST 0x10000u  /* value and children can no longer change */
+
+/* Parts of a notification number (KvRsNotifyNodeServer/Clients). */
+#define KVRS_NOTIFY_MSG_MASK 0xFFFFu       /* the message number the receiver sees */
+#define KVRS_NOTIFY_THROUGH_REF 0x2u       /* passes on through reference nodes */
+#define KVRS_NOTIFY_STRUCTURAL_MASK 0xEu   /* any of 0x2, 0x4, 0x8 also reaches the
+                                              parties connected for all structural
+                                              changes */
+#define KVRS_NOTIFY_FRONT 0x10000u         /* queue the message at the front */
+
+/* Limits. */
+#define KVRS_PATH_MAX 8191u             /* longest path, in bytes without its NUL */
+#define KVRS_VALUE_MAX_BYTES 0x1000000u /* largest value: 16 MiB */
 
 /* Exported functions carry this mark; nothing else of the library is visible. */
 #if defined(__GNUC__)

@@ -90,22 +90,49 @@ TEST(KvApiFault, UntestedNullHandlesReportOnceReturnNeutralAndFreeTheMutex)
 }
 
 #ifndef KV_SANITIZED
-TEST(KvApiFault, BadCallerBufferInGetValueBytesIsCaught)
+// Every copy into or out of a caller's buffer, and every read of a caller's
+// text, meets a page it may not touch: each call reports the access violation
+// once, returns and leaves the library working.
+TEST(KvApiFault, BadCallerBuffersAndTextsAreCaught)
 {
+    KvRsNodeProxy n = KvRsCreateNode("fault.buf", nullptr, 0);
     KvRsValueProxy v = KvRsCreateValue();
     unsigned char ab[64] = {};
     KvRsSetValueBytes(v.GetHandle(), v.GetId(), ab, sizeof(ab));
     const size_t cbPage = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    void* pv = mmap(nullptr, cbPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(MAP_FAILED, pv);
-    KvStderrCapture capture;
-    KvRsGetValueBytes(v.GetHandle(), v.GetId(), static_cast<unsigned char*>(pv));
-    const std::string strErr = capture.Stop();
-    munmap(pv, cbPage);
-    EXPECT_EQ(1, KvCountOf(strErr, "Exception 0xC0000005")) << strErr;
-    EXPECT_NE(std::string::npos, strErr.find("write memory")) << strErr;
+    char* pchNone = static_cast<char*>(mmap(nullptr, cbPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    char* pchRead = static_cast<char*>(mmap(nullptr, cbPage, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(MAP_FAILED, static_cast<void*>(pchNone));
+    ASSERT_NE(MAP_FAILED, static_cast<void*>(pchRead));
+    auto* pbNone = reinterpret_cast<unsigned char*>(pchNone);
+    const struct {
+        const char* pszName;
+        const char* pszAccess;
+        std::function<void()> fnCall;
+    } acases[] = {
+        {"KvRsGetNodeName(read-only)", "write memory", [&] { KvRsGetNodeName(n.GetHandle(), n.GetId(), pchRead); }},
+        {"KvRsGetValueBytes", "write memory", [&] { KvRsGetValueBytes(v.GetHandle(), v.GetId(), pbNone); }},
+        {"KvRsSetValueBytes", "read memory", [&] { KvRsSetValueBytes(v.GetHandle(), v.GetId(), pbNone, 8); }},
+        {"KvRsGetNode", "read memory", [&] { KvRsGetNode(pchNone); }},
+        {"KvRsCreateNode", "read memory", [&] { KvRsCreateNode(pchNone, nullptr, 0); }},
+        {"KvRsGetChildNode", "read memory", [&] { KvRsGetChildNode(n.GetHandle(), n.GetId(), pchNone); }},
+        {"KvRsCreateQueue", "read memory", [&] { KvRsCreateQueue(pchNone); }},
+    };
+    for (const auto& c : acases) {
+        KvStderrCapture capture;
+        c.fnCall();
+        const std::string strErr = capture.Stop();
+        EXPECT_EQ(1, KvCountOf(strErr, "Exception 0xC0000005")) << c.pszName << ": " << strErr;
+        EXPECT_NE(std::string::npos, strErr.find(c.pszAccess)) << c.pszName << ": " << strErr;
+    }
+    munmap(pchNone, cbPage);
+    munmap(pchRead, cbPage);
     EXPECT_TRUE(KvMutexFreeForOthers());
-    EXPECT_EQ(64, KvRsGetValueByteCount(v.GetHandle(), v.GetId()));  // the library goes on working
+    char szName[8] = {};
+    KvRsGetNodeName(n.GetHandle(), n.GetId(), szName);
+    EXPECT_STREQ("buf", szName) << "the library goes on working";
+    KvRsNodeProxy root = KvRsCreateNode("", nullptr, 0);
+    KvRsRemoveChildNode(root.GetHandle(), root.GetId(), "fault");
 }
 #endif
 

@@ -146,6 +146,29 @@ TEST_F(CRsCheckTest, DamagedHeaderAndPoolsAreNamed)
     EXPECT_TRUE(Clean());
 }
 
+#ifdef KVRS_EXE
+// The inspection commands read a damaged segment without faulting: a free-list
+// link far outside the segment is reported, not followed. A large block pool is
+// damaged, one that the tool's own start-up does not allocate from.
+TEST_F(CRsCheckTest, InspectionCommandsSurviveADamagedFreeList)
+{
+    void* pA = KvGranularity::_Alloc(4096);
+    KvGranularity::_Free(pA, 4096);
+    const uint32_t ofsA = KvGranularity::_CalcOffset(pA);
+    const uint32_t ofsNext = Word(ofsA);
+    Word(ofsA) = 0x7ffff000;
+    for (const char* pszCommand : {"stats", "check"}) {
+        std::string strOut;
+        const int iStatus = KvTestRunExe({KVRS_EXE, pszCommand}, &strOut);
+        EXPECT_LT(iStatus, 128) << pszCommand << " ended by a signal: " << strOut;
+        EXPECT_NE(std::string::npos, strOut.find(*pszCommand == 's' ? "free list broken" : "outside the carved area"))
+            << pszCommand << ": " << strOut;
+    }
+    Word(ofsA) = ofsNext;
+    EXPECT_TRUE(Clean());
+}
+#endif
+
 TEST_F(CRsCheckTest, BrokenLinksInTheTreeAreNamedWithoutFaulting)
 {
     KvSmartPtr<CRsNode> root = GetRoot();

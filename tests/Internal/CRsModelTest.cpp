@@ -155,4 +155,27 @@ TEST_F(CRsValueQueueTest, RemoveMsgsForTargetMatchesTheHandleAndReportsIdMismatc
     EXPECT_TRUE(KvPoolsBalanced(m_snap));
 }
 
+// A value whose storage outlived its count reports the check under the module
+// and line that the system has always named, and goes on.
+TEST_F(CRsValueQueueTest, ABrokenByteCountIsReportedAtItsFixedLine)
+{
+    static std::string s_strBox;
+    const KvUiSink sinkOld = KvSetUiSink({[](const char* pszText, const char*) { s_strBox = pszText; },
+                                          [](unsigned, unsigned) {}, nullptr});
+    KvDebugOutput::SetTestMode(false);
+    {
+        KvSmartPtr<CRsValue> v(KvNewObject);
+        v->SetBytes("abcd", 4);
+        char* pchStorage = v->m_pvStorage.Get();
+        v->m_cBytes = 0;
+        v->SetBytes("xy", 2);
+        KvGranularity::_Free(pchStorage, 4, KvGranularity::_GetDefaultWatcher());  // what the check left behind
+        EXPECT_EQ(2, v->GetByteCount()) << "the operation went on";
+    }
+    KvDebugOutput::SetTestMode(true);
+    KvSetUiSink(sinkOld);
+    EXPECT_EQ("Internal data structures corrupted in\nfile: KvRfrSvr/Internal\nline: 38\nstatement: m_cBytes > 0", s_strBox);
+    EXPECT_TRUE(KvPoolsBalanced(m_snap));
+}
+
 }  // namespace

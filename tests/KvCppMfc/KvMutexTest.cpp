@@ -111,6 +111,22 @@ TEST_F(KvMutexTest, AThreadThatExitsHoldingItLeavesItToTheNext)
     EXPECT_FALSE(m_mtx.IsOwned()) << "the recursion count of the dead owner was kept";
 }
 
+// Owner-death recovery is certain on this C library and word size; a list of
+// another shape is refused with its reason instead of running without it.
+TEST(KvMutexRecovery, ThisCLibraryFitsAndAnotherShapeIsRefused)
+{
+    std::string strWhy;
+    EXPECT_TRUE(KvCheckOwnerDeathRecovery(&strWhy)) << strWhy;
+    long lOffset = 0;
+    for (long l = -64; l <= 64 && lOffset == 0; l += 4)
+        if (KvRobustListFits(l, &strWhy))
+            lOffset = l;
+    ASSERT_NE(0, lOffset);
+    strWhy.clear();
+    EXPECT_FALSE(KvRobustListFits(lOffset + 8, &strWhy));
+    EXPECT_NE(std::string::npos, strWhy.find("expects " + std::to_string(lOffset + 8))) << strWhy;
+}
+
 TEST_F(KvMutexTest, AKilledOwnerReleasesBothKindsOfRobustMutex)
 {
     pthread_mutex_t* pmtxGlibc = MapGlibcMutex();

@@ -46,7 +46,6 @@ std::string KvNumber(const void* pv)
 // named by a handle passed as a number is the same node here.
 KV_CHILD_SCENARIO(Client)
 {
-    KvKeepTreeAlive();
     KvRsNodeProxy n = KvRsCreateNode("data.x", nullptr, 0);
     if (KvNumber(n.GetHandle()) != args.at(0) || KvNumber(KvRsCreateNode("", nullptr, 0).GetHandle()) != args.at(1))
         return 1;
@@ -113,7 +112,6 @@ TEST_F(KvMultiProcess, ACallBlocksWhileAnotherProcessHoldsTheMutexAndAKilledHold
 KV_CHILD_SCENARIO(ConnectAndExit)
 {
     (void)args;
-    KvKeepTreeAlive();
     KvRsNodeProxy n = KvRsCreateNode("clean.n", nullptr, 0);
     KvRsNodeProxy s = KvRsCreateNode("clean.s", nullptr, 0);
     KvRsConnectClient(n.GetHandle(), n.GetId(), KvTarget(1), 1);

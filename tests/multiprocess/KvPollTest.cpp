@@ -20,7 +20,6 @@ constexpr long kBatches = 3000;
 KV_CHILD_SCENARIO(BatchPoller)
 {
     (void)args;
-    KvKeepTreeAlive();
     KvRsNodeProxy n = KvRsCreateNode("poll.batch", nullptr, 0);
     int target = 0;
     KvRsConnectClient(n.GetHandle(), n.GetId(), &target, 1);
@@ -35,7 +34,6 @@ KV_CHILD_SCENARIO(BatchPoller)
 
 TEST(KvPoll, APollNeverSeesABatchMadeUnderTheMutexHalfDone)
 {
-    KvKeepTreeAlive();
     const pid_t pid = KvTestSpawn("BatchPoller");
     while (KvRsGetNode("poll.ready").IsNull())
         usleep(1000);

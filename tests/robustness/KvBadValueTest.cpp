@@ -50,6 +50,8 @@ TEST(KvBadValue, SixteenMiBWorksLargerAndNonPositiveCountsEmptyTheValue)
         // cut to its low 32 bits. Counts of 0 or less and a null source empty
         // the value without a report.
         const long cbWide = sizeof(long) > 4 ? static_cast<long>((1ull << 32) + 16) : LONG_MAX;
+        // Negative, with low 32 bits that read as 5.
+        const long cbNegWide = sizeof(long) > 4 ? -static_cast<long>((1ull << 32) - 5) : -5;
         const struct {
             long cb;
             bool fNullSource;
@@ -59,6 +61,7 @@ TEST(KvBadValue, SixteenMiBWorksLargerAndNonPositiveCountsEmptyTheValue)
                       {cbWide, false, "KvRfrSvr.dll"},
                       {0, false, nullptr},
                       {-1, false, nullptr},
+                      {cbNegWide, false, nullptr},
                       {LONG_MIN, false, nullptr},
                       {INT32_MIN, false, nullptr},
                       {10, true, nullptr}};

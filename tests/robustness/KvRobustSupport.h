@@ -9,15 +9,10 @@
 #include "KvRfrSvr/Internal/CRsCheck.h"
 #include "common/KvTestSupport.h"
 
-// Adds this process's own root reference (its exit releases one) and returns the root.
+// The root (the program took its own root reference at start-up).
 inline KvRsNodeProxy KvRobustRoot()
 {
-    static bool s_fKept = false;
-    KvRsNodeProxy root = KvRsCreateNode("", nullptr, 0);
-    if (!s_fKept)
-        KvRsAddRef(root.GetHandle(), root.GetId());
-    s_fKept = true;
-    return root;
+    return KvRsCreateNode("", nullptr, 0);
 }
 
 // Google Test assertion: the whole segment passes the consistency check.

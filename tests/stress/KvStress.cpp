@@ -259,8 +259,6 @@ private:
 // 0, 0) holds the count of operations and of errors.
 KV_CHILD_SCENARIO(StressWorker)
 {
-    KvRsNodeProxy root = KvRsCreateNode("", nullptr, 0);
-    KvRsAddRef(root.GetHandle(), root.GetId());  // what our exit releases
     std::vector<std::unique_ptr<Worker>> vWorkers;
     std::vector<std::thread> vThreads;
     for (int i = 0; i < kThreads; ++i) {
@@ -322,7 +320,6 @@ bool Fail(const std::string& str)
 int RunParent(double dSeconds)
 {
     KvRsNodeProxy root = KvRsCreateNode("", nullptr, 0);
-    KvRsAddRef(root.GetHandle(), root.GetId());  // what our exit releases
     // The root's refresh info and the two areas exist before the baseline.
     KvRsConnectForAllStructuralChanges(reinterpret_cast<void*>(1), 1);
     KvRsDisconnectForAllStructuralChanges(reinterpret_cast<void*>(1), 1);

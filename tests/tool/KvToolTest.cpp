@@ -129,7 +129,8 @@ TEST_F(KvToolTest, TreeAndStatsShowTheSegment)
     const KvToolResult rStats = KvTool({"stats"});
     EXPECT_EQ(0, rStats.iStatus) << rStats.strErr;
     EXPECT_NE(std::string::npos, rStats.strOut.find("attachments  2")) << rStats.strOut;  // serve and stats
-    EXPECT_NE(std::string::npos, rStats.strOut.find("Total memory : ")) << rStats.strOut;
+    EXPECT_NE(std::string::npos, rStats.strOut.find("  block size       in use         free\n")) << rStats.strOut;
+    EXPECT_EQ(1, KvCountOf(rStats.strOut, "block size")) << "the pools are listed once: " << rStats.strOut;
     EXPECT_NE(std::string::npos, KvTool({"stats", "--json"}).strOut.find("\"pools\":[{\"block\":"));
     const KvToolResult rCheck = KvTool({"check"});
     EXPECT_EQ(0, rCheck.iStatus) << rCheck.strOut;

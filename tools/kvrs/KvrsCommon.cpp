@@ -17,7 +17,7 @@
 namespace {
 
 // The library copies a path into a buffer of this size; longer ones are refused here.
-constexpr size_t kcchPathLimit = 8192;
+constexpr size_t kcchPathLimit = KVRS_PATH_MAX + 1;
 
 volatile sig_atomic_t s_fStop = 0;
 
@@ -188,7 +188,7 @@ std::vector<std::string> KvrsTypeFlagList(uint32_t dwType)
     static const struct {
         uint32_t dwMask;
         const char* pszName;
-    } s_aFlags[] = {{0x1, "value"}, {0x2, "ref"}, {0x4, "parent"}, {0x10000, "const"}};
+    } s_aFlags[] = {{KVRS_TYPE_VALUE, "value"}, {KVRS_TYPE_REF, "ref"}, {KVRS_TYPE_PARENT, "parent"}, {KVRS_TYPE_CONST, "const"}};
     std::vector<std::string> vstr;
     for (const auto& f : s_aFlags)
         if (dwType & f.dwMask)
@@ -210,12 +210,16 @@ KvrsValue KvrsReadValue(const KvRsValueProxy& value)
     if (value.GetHandle() == nullptr)
         return v;
     v.m_bPresent = true;
+    // Type, size and bytes in one hold of the mutex: another process may set
+    // the value between the calls.
+    KvRsRequestMutex();
     v.m_dwType = KvRsGetValueType(value.GetHandle(), value.GetId());
     const long cb = KvRsGetValueByteCount(value.GetHandle(), value.GetId());
     if (cb > 0) {
         v.m_ab.resize(static_cast<size_t>(cb));
         KvRsGetValueBytes(value.GetHandle(), value.GetId(), v.m_ab.data());
     }
+    KvRsReleaseMutex();
     return v;
 }
 

@@ -92,7 +92,7 @@ void Publisher::NotifyAdded(const KvRsNodeProxy& node, const std::string& strPat
 
 void Publisher::Build()
 {
-    AddNode("plant.info", "KvRfrSvr demo plant, 2 lines", KVRS_FLAG_CONST);
+    AddNode("plant.info", "KvRfrSvr demo plant, 2 lines", KVRS_TYPE_CONST);
     for (Point& p : m_vPoints) {
         AddNode(p.m_pszPath, "", 0);
         p.m_node = KvRsGetNode(p.m_pszPath);

@@ -130,7 +130,7 @@ bool WouldCycle(const KvRsNodeProxy& node, const KvRsNodeProxy& target)
     for (int cHops = 0; !cur.IsNull() && cHops < 1000; ++cHops) {
         if (IsSelfOrAncestor(node, cur.GetHandle()))
             return true;
-        if (!(KvRsGetNodeType(cur.GetHandle(), cur.GetId()) & KVRS_FLAG_REF))
+        if (!(KvRsGetNodeType(cur.GetHandle(), cur.GetId()) & KVRS_TYPE_REF))
             return false;
         cur = KvRsGetRefNode(cur.GetHandle(), cur.GetId());
     }
@@ -163,7 +163,7 @@ void RunType(const std::string& strPath, const std::string& strType)
     if (!strType.empty()) {
         dwNew = KvrsParseNumber(strType, "TYPE");
         // The library keeps such a word but reports it as corrupt: refuse it here.
-        if ((dwNew & KVRS_FLAG_REF) && (dwNew & (KVRS_FLAG_VALUE | KVRS_FLAG_PARENT)))
+        if ((dwNew & KVRS_TYPE_REF) && (dwNew & (KVRS_TYPE_VALUE | KVRS_TYPE_PARENT)))
             KvrsUsageError("type " + KvrsHex32(dwNew) + " combines ref with value or parent");
     }
     KvRsNodeProxy node = KvrsFindNode(strPath);

@@ -21,6 +21,7 @@ struct PoolUse {
     uint32_t m_cbBlock = 0;
     uint64_t m_cInUse = 0;  // allocations minus frees, checked and unchecked
     uint64_t m_cFree = 0;   // blocks waiting on the pool's free list
+    bool m_bFreeListBroken = false;  // a link left the carved area: counted up to it
 };
 
 struct SegmentUse {
@@ -35,11 +36,20 @@ struct SegmentUse {
     size_t m_cProblems = 0;
 };
 
-uint64_t CountFreeBlocks(const KvGranularity& gran)
+// Counts the free list's blocks. A damaged segment may link anywhere: every link
+// must name a block inside the carved area before it is followed, and a list
+// longer than the area could hold is a cycle.
+uint64_t CountFreeBlocks(const KvGranularity& gran, uint32_t ofsCarvedEnd, bool* pbBroken)
 {
+    const uint64_t cMax = gran._stSize != 0 ? (ofsCarvedEnd - KVGRAN_HEADER_SIZE) / gran._stSize : 0;
     uint64_t c = 0;
-    for (uint32_t ofs = gran._pchHead.Offset(); ofs != 0 && c < (1u << 26); ++c)
+    for (uint32_t ofs = gran._pchHead.Offset(); ofs != 0; ++c) {
+        if (ofs < KVGRAN_HEADER_SIZE || ofs > ofsCarvedEnd - sizeof(uint32_t) || c > cMax) {
+            *pbBroken = true;
+            break;
+        }
         ofs = *static_cast<const uint32_t*>(KvGranularityStatics::_CalcPtr(ofs));
+    }
     return c;
 }
 
@@ -61,7 +71,7 @@ SegmentUse ReadSegmentUse()
         p.m_cbBlock = gran._stSize;
         // Frees are counted downwards: the sum wraps to the net count.
         p.m_cInUse = gran._cAllocChecked + gran._cFreeChecked + gran._cNetUnchecked;
-        p.m_cFree = CountFreeBlocks(gran);
+        p.m_cFree = CountFreeBlocks(gran, pInfo->_pchNextFree.Offset(), &p.m_bFreeListBroken);
         use.m_vPools.push_back(p);
     }
     KvGranularity::_UnlockPools();
@@ -82,20 +92,14 @@ void PrintText(const SegmentUse& use)
     printf("\n%12s %12s %12s\n", "block size", "in use", "free");
     for (const PoolUse& p : use.m_vPools)
         if (p.m_cInUse != 0 || p.m_cFree != 0)
-            printf("%12u %12llu %12llu\n", p.m_cbBlock, static_cast<unsigned long long>(p.m_cInUse),
-                   static_cast<unsigned long long>(p.m_cFree));
+            printf("%12u %12llu %12llu%s\n", p.m_cbBlock, static_cast<unsigned long long>(p.m_cInUse),
+                   static_cast<unsigned long long>(p.m_cFree), p.m_bFreeListBroken ? "  free list broken" : "");
     printf("\nqueues of ended processes:%s\n", use.m_vEndedQueues.empty() ? " none" : "");
     for (const CRsQueueUse& q : use.m_vEndedQueues)
         printf("  \"%s\" (%s) of process %u: %d messages waiting\n", q.m_strName.c_str(), KvHexOffset(q.m_ofs).c_str(),
                q.m_dwPrcsId, q.m_cMsgs);
     if (use.m_cProblems != 0)
         printf("\nthe tree has %zu consistency problems (see kvrs check)\n", use.m_cProblems);
-    printf("\nmemory state:\n");
-    fflush(stdout);
-    // About 400 KiB: too large for the stack.
-    auto pState = std::make_unique<KvGranularityMemoryState>();
-    pState->Checkpoint();
-    pState->DumpStatisticsToStdOut();
 }
 
 void PrintJson(const SegmentUse& use)
@@ -104,9 +108,10 @@ void PrintJson(const SegmentUse& use)
            KvrsJsonString(KvNamespace()).c_str(), use.m_cbSize, use.m_cbCommitted, use.m_cbCarved,
            use.m_cAttachments);
     for (size_t i = 0; i < use.m_vPools.size(); ++i)
-        printf("%s{\"block\":%u,\"inUse\":%llu,\"free\":%llu}", i ? "," : "", use.m_vPools[i].m_cbBlock,
-               static_cast<unsigned long long>(use.m_vPools[i].m_cInUse),
-               static_cast<unsigned long long>(use.m_vPools[i].m_cFree));
+        printf("%s{\"block\":%u,\"inUse\":%llu,\"free\":%llu,\"freeListBroken\":%s}", i ? "," : "",
+               use.m_vPools[i].m_cbBlock, static_cast<unsigned long long>(use.m_vPools[i].m_cInUse),
+               static_cast<unsigned long long>(use.m_vPools[i].m_cFree),
+               use.m_vPools[i].m_bFreeListBroken ? "true" : "false");
     printf("],\"endedQueues\":[");
     for (size_t i = 0; i < use.m_vEndedQueues.size(); ++i) {
         const CRsQueueUse& q = use.m_vEndedQueues[i];
@@ -136,7 +141,7 @@ void RunStats(bool bJson)
 void KvrsAddStatsCommand(CLI::App& app)
 {
     auto bJson = std::make_shared<bool>(false);
-    CLI::App* sub = app.add_subcommand("stats", "Segment use: sizes, blocks per pool, memory state, attachments");
+    CLI::App* sub = app.add_subcommand("stats", "Segment use: sizes, blocks per pool, attachments, queues of ended processes");
     sub->add_flag("--json", *bJson, "Sizes and pools as one JSON object");
     sub->callback([bJson] { RunStats(*bJson); });
 }

@@ -34,9 +34,9 @@ NodeFacts ReadFacts(const KvRsNodeProxy& node)
     f.m_strName = KvrsNodeName(node);
     f.m_strPath = KvrsNodePath(node);
     f.m_dwType = static_cast<uint32_t>(KvRsGetNodeType(h, id));
-    if (f.m_dwType & KVRS_FLAG_VALUE)
+    if (f.m_dwType & KVRS_TYPE_VALUE)
         f.m_value = KvrsReadValue(KvRsGetNodeValue(h, id));
-    if (f.m_dwType & KVRS_FLAG_REF) {
+    if (f.m_dwType & KVRS_TYPE_REF) {
         KvRsNodeProxy ref = KvRsGetRefNode(h, id);
         f.m_bRefSet = !ref.IsNull();
         if (f.m_bRefSet)
@@ -55,9 +55,9 @@ std::string FactsLine(const NodeFacts& f, bool bRoot)
     str += "  [" + KvrsHex32(f.m_dwType);
     const std::string strFlags = KvrsTypeFlags(f.m_dwType);
     str += strFlags.empty() ? "]" : " " + strFlags + "]";
-    if (f.m_dwType & KVRS_FLAG_VALUE)
+    if (f.m_dwType & KVRS_TYPE_VALUE)
         str += "  " + KvrsValueText(f.m_value, 48);
-    if (f.m_dwType & KVRS_FLAG_REF)
+    if (f.m_dwType & KVRS_TYPE_REF)
         str += f.m_bRefSet ? "  -> " + (f.m_strRef.empty() ? std::string("(root)") : f.m_strRef) : "  -> (none)";
     if (f.m_bServer || f.m_cClients > 0)
         str += "  server " + std::to_string(f.m_bServer ? 1 : 0) + ", clients " + std::to_string(f.m_cClients);
@@ -84,7 +84,7 @@ std::string FactsJson(const NodeFacts& f)
 // walk stops at references and prints where they point instead.
 bool ShouldDescend(uint32_t dwType, int iDepth, int iLimit)
 {
-    return (dwType & KVRS_FLAG_REF) == 0 && (iLimit < 0 || iDepth < iLimit);
+    return (dwType & KVRS_TYPE_REF) == 0 && (iLimit < 0 || iDepth < iLimit);
 }
 
 void PrintText(const KvRsNodeProxy& node, int iDepth, const TreeOptions& opt, bool bRoot)

@@ -4,7 +4,9 @@
 #include "KvDebugOutput.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -37,6 +39,22 @@ static int KvOpenDebugFile(const char* pszPath)
     return open(pszPath, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
 }
 
+// The limit is a 32-bit byte count. A larger value, or one that strtoull wraps
+// (a negative text), means "as large as possible" rather than its low 32 bits,
+// which could be 0 and would put every line at offset 0.
+static uint32_t KvDebugLimitClamped(unsigned long long cb)
+{
+    return cb > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(cb);
+}
+
+// The variable's decimal value: 0 (no file) for an empty or non-numeric text.
+static uint32_t KvDebugLimitFromText(const char* psz)
+{
+    errno = 0;
+    const unsigned long long cb = strtoull(psz, nullptr, 10);
+    return errno == ERANGE ? UINT32_MAX : KvDebugLimitClamped(cb);
+}
+
 static void KvWriteDebugHeader(const char* pszDefaultPath)
 {
     const std::string strStars(70, '*');
@@ -54,7 +72,7 @@ bool OpenDebugEx(const char* pszDefaultPath, const char* pszEnvName)
     const char* pszEnv = pszEnvName != nullptr ? getenv(pszEnvName) : nullptr;
     if (pszEnv == nullptr)
         return false;
-    const unsigned long cbLimit = strtoul(pszEnv, nullptr, 10);
+    const uint32_t cbLimit = KvDebugLimitFromText(pszEnv);
     if (cbLimit == 0)
         return false;
     // The log directory joined with the file name (and extension) of the default path.
@@ -62,7 +80,7 @@ bool OpenDebugEx(const char* pszDefaultPath, const char* pszEnvName)
     const size_t iSlash = strDefault.find_last_of('/');
     const std::string strFile = iSlash == std::string::npos ? strDefault : strDefault.substr(iSlash + 1);
     KvDebugOutput& out = KvDebugOutput::Instance();
-    out.m_cbLimit = static_cast<uint32_t>(cbLimit);
+    out.m_cbLimit = cbLimit;
     KvRecordPath((strDir + strFile).c_str());
     if (out.m_fd >= 0)
         close(out.m_fd);
@@ -79,7 +97,7 @@ unsigned long OpenDebug(const char* pszPath, unsigned long cbLimit)
     if (pszPath == nullptr)
         return static_cast<unsigned long>(-1);
     KvRecordPath(pszPath);
-    out.m_cbLimit = static_cast<uint32_t>(cbLimit);
+    out.m_cbLimit = KvDebugLimitClamped(cbLimit);
     if (out.m_fd >= 0)
         close(out.m_fd);
     out.m_fd = KvOpenDebugFile(out.m_szPath);
@@ -205,7 +223,7 @@ unsigned long _DebugOutputRcErr(const char* pszFile, unsigned long nLine, unsign
 {
     if (rc == rcErr)
         KvDebugRc(pszFile, nLine, rc);
-    return rc;
+    return rcErr;
 }
 
 unsigned long _DebugOutputRcWin(const char* pszFile, unsigned long nLine)

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 
+#include "../KvInitOrder.h"
 #include "../Platform/KvPlatform.h"
 #include "../Pool/KvGranularity.h"
 #include "../Pool/KvMemoryWatcher.h"
@@ -15,7 +16,7 @@
 namespace {
 
 std::mutex s_mtxWindow;                 // guards additions to the error window
-std::deque<std::string> s_lstWindow;    // newest first, at most 100 lines
+KV_INIT_STATICS std::deque<std::string> s_lstWindow;  // newest first, at most 100 lines
 bool s_fThrowTestMode = false;
 
 // A box is caption, ": ", text and a newline, in one write so that lines of

@@ -132,6 +132,15 @@ bool KvIsMutexObject(const std::string& strName);
 // it held spins for a while, adapted to how long holders have recently kept
 // it, before it sleeps on the futex. Uncontended locking and unlocking make
 // no system call.
+// True when a mutex whose owner dies is released by the kernel in this
+// process: the C library's robust list is shaped like this build's mutex
+// entries (or there is none, and the library registers its own). Otherwise a
+// dead owner would leave the mutex locked for good, so the start-up refuses to
+// attach and *pstrWhy says why. KvRobustListFits checks a given distance from
+// link to futex word; the tests use it to see the refusal.
+bool KvCheckOwnerDeathRecovery(std::string* pstrWhy);
+bool KvRobustListFits(long lFutexOffset, std::string* pstrWhy);
+
 class KvNamedMutex {
 public:
     // Opens the named mutex object or creates and initialises it. Must be called
@@ -232,8 +241,11 @@ struct KvFaultFrame {
 
 // memcpy for buffers a caller handed in. The C library declares memcpy not to
 // throw, so a fault inside a direct call could not leave as an exception (the
-// process would end); through this out-of-line call it can.
+// process would end); this one touches the buffers in code of its own first,
+// so that a bad one faults where the fault can become an exception.
 void* KvCopyBytes(void* pvDst, const void* pvSrc, size_t cb);
+// strlen for a text a caller handed in, for the same reason.
+size_t KvTextLength(const char* psz);
 
 // Word size of this build in bits (32 or 64).
 constexpr int KvWordSize() { return static_cast<int>(sizeof(void*) * 8); }

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <string>
 
 #include <fcntl.h>
 #include <linux/futex.h>
@@ -66,9 +67,21 @@ inline void KvCpuRelax()
 
 inline void KvCompilerBarrier() { __asm__ __volatile__("" ::: "memory"); }
 
-// The calling thread's robust list head, asked of the kernel once per thread;
-// null when there is none or its entries are not shaped like ours (the mutex
-// then works without owner-death recovery).
+// Distance from an entry's list link to its futex word, as our entries have it.
+long KvOwnFutexOffset()
+{
+    KvSharedMutexObject probe;
+    return reinterpret_cast<char*>(KvWord(&probe)) - reinterpret_cast<char*>(KvEntry(&probe));
+}
+
+// A list head for threads that the C library started without one (raw clone):
+// the library registers its own, shaped like glibc's.
+thread_local robust_list_head t_kvOwnHead;
+
+// The calling thread's robust list head, asked of the kernel once per thread.
+// Null only when the head is shaped differently from our entries, which the
+// start-up refuses (KvCheckOwnerDeathRecovery), so a running library never
+// meets it.
 struct KvRobustHeadCache {
     robust_list_head* phead = nullptr;
     bool fKnown = false;
@@ -81,12 +94,16 @@ robust_list_head* KvRobustHead()
         t_kvRobust.fKnown = true;
         robust_list_head* phead = nullptr;
         size_t cb = 0;
-        KvSharedMutexObject probe;
-        const long lOffset = reinterpret_cast<char*>(KvWord(&probe)) -
-                             reinterpret_cast<char*>(KvEntry(&probe));
-        if (syscall(SYS_get_robust_list, 0, &phead, &cb) == 0 && phead != nullptr &&
-            cb == sizeof(robust_list_head) && phead->futex_offset == lOffset)
+        const long lOffset = KvOwnFutexOffset();
+        if (syscall(SYS_get_robust_list, 0, &phead, &cb) != 0 || phead == nullptr) {
+            t_kvOwnHead.list.next = &t_kvOwnHead.list;
+            t_kvOwnHead.futex_offset = lOffset;
+            t_kvOwnHead.list_op_pending = nullptr;
+            if (syscall(SYS_set_robust_list, &t_kvOwnHead, sizeof(t_kvOwnHead)) == 0)
+                t_kvRobust.phead = &t_kvOwnHead;
+        } else if (cb == sizeof(robust_list_head) && phead->futex_offset == lOffset) {
             t_kvRobust.phead = phead;
+        }
     }
     return t_kvRobust.phead;
 }
@@ -302,6 +319,29 @@ bool KvNamedMutex::Lock()
     __atomic_store_n(&p->dwSequence, (p->dwSequence + 1) | 1, __ATOMIC_RELAXED);
     __atomic_thread_fence(__ATOMIC_RELEASE);
     return true;
+}
+
+bool KvRobustListFits(long lFutexOffset, std::string* pstrWhy)
+{
+    robust_list_head* phead = nullptr;
+    size_t cb = 0;
+    if (syscall(SYS_get_robust_list, 0, &phead, &cb) != 0) {
+        *pstrWhy = std::string("the kernel has no robust futex lists (") + strerror(errno) + ")";
+        return false;
+    }
+    if (phead == nullptr)
+        return true;  // no list yet: the library registers its own
+    if (cb != sizeof(robust_list_head) || phead->futex_offset != lFutexOffset) {
+        *pstrWhy = "the C library's robust mutex list keeps its futex word " + std::to_string(phead->futex_offset) +
+                   " bytes from the link, this build expects " + std::to_string(lFutexOffset);
+        return false;
+    }
+    return true;
+}
+
+bool KvCheckOwnerDeathRecovery(std::string* pstrWhy)
+{
+    return KvRobustListFits(KvOwnFutexOffset(), pstrWhy) && KvRobustHead() != nullptr;
 }
 
 void KvNamedMutex::LockContended(uint32_t dwTid)

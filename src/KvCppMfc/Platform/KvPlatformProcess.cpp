@@ -168,11 +168,51 @@ void KvAtForkChild(void (*pfn)())
 
 thread_local int t_cKvFaultFrames = 0;
 
-// Kept out of line and free of cleanups, so the unwinder passes through this frame
-// and memcpy's to the caller, which sees a call that may throw.
-__attribute__((noinline)) void* KvCopyBytes(void* pvDst, const void* pvSrc, size_t cb)
+// A fault inside the C library's own assembly cannot be unwound on every
+// target (the i386 memcpy's unwind data does not describe every instruction),
+// so caller memory is first touched by code of ours, once per page: a read
+// for a source, an atomic read-modify-write that stores nothing new for a
+// destination (it faults as the write it stands for, and races with no other
+// writer). A bad buffer then faults here, where the frame can catch it, and
+// memcpy runs only on memory that was there a moment ago.
+namespace {
+constexpr size_t kKvProbeStep = 4096;  // the smallest page size: no page is skipped
+
+void KvProbeRead(const void* pv, size_t cb)
 {
+    const auto* pb = static_cast<const volatile unsigned char*>(pv);
+    for (size_t i = 0; i < cb; i += kKvProbeStep)
+        (void)pb[i];
+    (void)pb[cb - 1];
+}
+
+void KvProbeWrite(void* pv, size_t cb)
+{
+    auto* pb = static_cast<unsigned char*>(pv);
+    for (size_t i = 0; i < cb; i += kKvProbeStep)
+        __atomic_fetch_add(pb + i, 0, __ATOMIC_RELAXED);
+    __atomic_fetch_add(pb + cb - 1, 0, __ATOMIC_RELAXED);
+}
+}  // namespace
+
+void* KvCopyBytes(void* pvDst, const void* pvSrc, size_t cb)
+{
+    if (cb == 0)
+        return pvDst;
+    KvProbeRead(pvSrc, cb);
+    KvProbeWrite(pvDst, cb);
     return memcpy(pvDst, pvSrc, cb);
+}
+
+size_t KvTextLength(const char* psz)
+{
+    // A loop of ours rather than strlen, for the same reason; caller texts
+    // are short (paths and names).
+    const volatile char* p = psz;
+    size_t cch = 0;
+    while (p[cch] != '\0')
+        ++cch;
+    return cch;
 }
 
 static KvFaultThrower s_pfnFaultThrower = nullptr;

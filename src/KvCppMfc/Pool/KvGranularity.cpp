@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "../Diag/KvDebugOutput.h"
+#include "../KvInitOrder.h"
 #include "KvMemoryWatcher.h"
 #include "KvSegmentState.h"
 
@@ -15,7 +16,7 @@ const uint32_t KvGranularity::_aulNdxMap[34] = {
     11, 12, 12, 13, 13, 14, 14, 15, 15,
     0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF};
 
-const KvGranularity KvGranularity::_agranTemplate[KVGRAN_COUNT] = {
+KV_INIT_STATICS const KvGranularity KvGranularity::_agranTemplate[KVGRAN_COUNT] = {
     {nullptr, 0, 0},          {nullptr, 8, 1024},      {nullptr, 16, 512},
     {nullptr, 32, 256},       {nullptr, 64, 128},      {nullptr, 128, 64},
     {nullptr, 256, 32},       {nullptr, 512, 16},      {nullptr, 1024, 8},

@@ -22,6 +22,9 @@ const char* const kOpool = "KvCppMfc/OPOOL";
 // while the mapping is this process's own and must stay while it is held here.
 struct KvWatcherMapping : KvShmObject {
     int cHeld = 0;
+    // Made while no segment was attached: no chain names it, so no namespace
+    // clean-up would ever find it; its maker removes it with its last hold.
+    bool fUnchained = false;
 };
 
 // This process's mappings of watcher objects, by POSIX name (which carries the
@@ -139,6 +142,7 @@ KvGranularityMemoryWatcher* KvGranularityMemoryWatcher::_GetSharedWatcher(const 
         }
         p->Init(pszName, pszDescr, cbSize);
         KvFindMapping(p)->second->cHeld += 1;
+        KvFindMapping(p)->second->fUnchained = KvGranularity::_poinf == nullptr;
         return p;
     }
     p->m_cOpened += 1;
@@ -172,6 +176,8 @@ void KvGranularityMemoryWatcher::_FreeSharedWatcher(KvGranularityMemoryWatcher* 
     pWatcher->m_cOpened -= 1;
     if (--it->second->cHeld > 0)
         return;
+    if (it->second->fUnchained)
+        KvShmObject::Unlink(it->first);
     it->second->Close();
     KvWatcherMappings().erase(it);
 }

@@ -51,6 +51,25 @@ T* KvRsUse(const KvSmartPtr<T>& ptr)
     return ptr.Get();
 }
 
+// A text the caller handed in, read once through the fault-safe length so that
+// an unreadable one ends in the frame's report rather than inside the C
+// library; the body may then use the C library's string functions on it.
+// A null text is the access violation of reading it.
+inline const char* KvRsTextOrFault(const char* psz)
+{
+    if (psz == nullptr)
+        KvRsRaiseAccessViolation(nullptr);
+    KvTextLength(psz);
+    return psz;
+}
+// The same for texts where null has a meaning of its own.
+inline const char* KvRsTextOrNull(const char* psz)
+{
+    if (psz != nullptr)
+        KvTextLength(psz);
+    return psz;
+}
+
 // Library side of the proxies: counts are changed directly, since this runs
 // inside an exported call that already holds the global mutex.
 struct KvRsProxyAccess {

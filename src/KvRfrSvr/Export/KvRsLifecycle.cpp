@@ -1,17 +1,18 @@
 // KvRsLifecycle.cpp - start-up when the library is loaded, the clean-ups at
 // process exit (and dlclose), the fork child, and the global mutex.
 //
-// Start-up runs from a load-time initialiser. It must run after every static
-// object of the library has been initialised; the build places this file last
-// among the library's objects, and .init_array runs in link order. The clean-up
-// is registered with atexit() at the end of start-up, so it runs before the
-// destructors of those statics (and, from a shared library, at dlclose too).
+// Start-up runs from a load-time constructor whose priority places it after the
+// library's own statics and before every static of the program (KvInitOrder.h),
+// however the objects are linked. The clean-up is registered with atexit() at
+// the end of start-up, so it runs before the destructors of those statics (and,
+// from a shared library, at dlclose too).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "KvCppMfc/Diag/KvDebugOutput.h"
+#include "KvCppMfc/KvInitOrder.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvRfrSvr.h"
 #include "KvRfrSvr/Internal/CRsModel.h"
@@ -20,7 +21,7 @@
 namespace {
 
 const uint32_t KVRS_SEGMENT_SIZE = 0x4000000;
-KvNamedMutex s_mtxGlobal;  // "KVRFRSVR_GLOBAL_MUTEX"
+KV_INIT_STATICS KvNamedMutex s_mtxGlobal;  // "KVRFRSVR_GLOBAL_MUTEX"
 
 // Runs one step of start-up or clean-up under the fault translation of the frame.
 // A failure is reported on standard error and the next step still runs: a
@@ -153,6 +154,11 @@ void KvRsStartUp()
     KvRsRegisterSharedClasses();
     KvInstallFaultHandler(&KvRsThrowFault);
     KvInitCritSec();
+    std::string strWhy;
+    if (!KvCheckOwnerDeathRecovery(&strWhy)) {
+        KvRsStartUpFailed(("a mutex whose owner dies could not be recovered: " + strWhy).c_str());
+        return;
+    }
     if (!KvRsAttach() || !KvRsOpenGlobalMutex())
         return;
     const std::string strDebug = KvApplicationPath() + ".KvRfrSvr.err";
@@ -174,10 +180,10 @@ void KvRsStartUp()
     atexit(&KvRsAtExit);
 }
 
-// The load-time start-up: a dynamic initialiser defined after every static of
-// this file, so that it runs after them (within a file, initialisation follows
-// the order of definition; across files, the link order noted above).
-const bool s_fStartUpRun = (KvRsStartUp(), true);
+__attribute__((constructor(KV_INIT_STARTUP))) void KvRsLoadTimeStartUp()
+{
+    KvRsStartUp();
+}
 
 }  // namespace
 

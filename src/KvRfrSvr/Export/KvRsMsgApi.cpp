@@ -76,7 +76,7 @@ KvRsQueueProxy KvRsCreateQueue(const char* name)
 {
     return KvRsFramedResult<KvRsQueueProxy>(__LINE__, [&](KvRsQueueProxy& result) {
         KvSmartPtr<CRsQueue> ptrQueue(KvNewObject);
-        ptrQueue->SetName(name);
+        ptrQueue->SetName(KvRsTextOrNull(name));
         KvRsSetProxy(result, ptrQueue);
     });
 }

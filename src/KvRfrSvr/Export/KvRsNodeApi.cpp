@@ -14,22 +14,13 @@ KvSmartPtr<CRsNode> KvRsNode(void* h, unsigned long id, const char* pszFunc)
 {
     return KvRsHandle2<CRsNode>(h, id, pszFunc);
 }
-
-// A null text given by the caller is the access violation of reading it.
-template <class C>
-C* KvRsPathOrFault(C* psz)
-{
-    if (psz == nullptr)
-        KvRsRaiseAccessViolation(nullptr);
-    return psz;
-}
 }  // namespace
 
 KvRsNodeProxy KvRsGetNode(const char* path)
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
         KvSmartPtr<CRsNode> ptrRoot = GetRoot();
-        KvRsSetProxySafe(result, KvRsUse(ptrRoot)->GetDescendant(KvRsPathOrFault(path)));
+        KvRsSetProxySafe(result, KvRsUse(ptrRoot)->GetDescendant(KvRsTextOrFault(path)));
     });
 }
 
@@ -38,7 +29,7 @@ KvRsNodeProxy KvRsGetChildNode(void* hParent, unsigned long idParent, const char
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
         KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent, "KvRsGetChildNode(), ptrParent");
         if (ptrParent.IsNotNull())
-            KvRsSetProxySafe(result, ptrParent->GetChild(KvRsPathOrFault(name)));
+            KvRsSetProxySafe(result, ptrParent->GetChild(KvRsTextOrFault(name)));
     });
 }
 
@@ -46,7 +37,7 @@ KvRsNodeProxy KvRsGetDescendantNode(void* hParent, unsigned long idParent, const
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
         KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent, "KvRsGetDescendantNode(), ptrParent");
-        KvRsSetProxySafe(result, KvRsUse(ptrParent)->GetDescendant(KvRsPathOrFault(path)));
+        KvRsSetProxySafe(result, KvRsUse(ptrParent)->GetDescendant(KvRsTextOrFault(path)));
     });
 }
 
@@ -55,7 +46,7 @@ void KvRsRemoveChildNode(void* hParent, unsigned long idParent, const char* name
     KvRsFramed(__LINE__, [&] {
         KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent, "KvRsRemoveChildNode()");
         if (ptrParent.IsNotNull())
-            ptrParent->RemoveChild(KvRsPathOrFault(name));
+            ptrParent->RemoveChild(KvRsTextOrFault(name));
     });
 }
 
@@ -77,7 +68,9 @@ void KvRsGetNodeName(void* hNode, unsigned long idNode, char* pszName)
         const char* pszOwn = ptrNode->GetName();
         if (pszOwn == nullptr)
             pszOwn = "";
-        memcpy(KvRsPathOrFault(pszName), pszOwn, strlen(pszOwn) + 1);
+        if (pszName == nullptr)
+            KvRsRaiseAccessViolation(nullptr);
+        KvCopyBytes(pszName, pszOwn, strlen(pszOwn) + 1);
     });
 }
 

@@ -68,13 +68,6 @@ void KvRsCreateMissing(KvSmartPtr<CRsNode>& ptrNode, const char* pszRest, char* 
     }
 }
 
-const char* KvRsTextOrFault(const char* psz)
-{
-    if (psz == nullptr)
-        KvRsRaiseAccessViolation(nullptr);
-    return psz;
-}
-
 }  // namespace
 
 KvRsNodeProxy KvRsCreateNode(const char* path, void* hParent, unsigned long idParent)

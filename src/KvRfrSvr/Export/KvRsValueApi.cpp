@@ -59,9 +59,11 @@ void KvRsSetValueBytes(void* hValue, unsigned long idValue, unsigned char* pb, l
 {
     KvRsFramed(__LINE__, [&] {
         KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsSetValueBytes()");
-        // A count wider than 32 bits (long is 64-bit on x86_64) must be refused,
-        // not cut down to its low bits.
+        // long is 64-bit on x86_64: the count is judged whole, never by its low
+        // 32 bits. 0 or less empties the value; more than 32 bits can hold is
+        // the largest count, which the pools then refuse.
+        const int32_t cBytes = cb <= 0 ? 0 : (cb > INT32_MAX ? INT32_MAX : static_cast<int32_t>(cb));
         if (ptrValue.IsNotNull())
-            ptrValue->SetBytes(pb, cb > INT32_MAX ? INT32_MAX : static_cast<int32_t>(cb));
+            ptrValue->SetBytes(pb, cBytes);
     });
 }

@@ -59,7 +59,7 @@ void CRsConnect::Notify(const KvSmartPtr<CRsNode>& ptrNode, unsigned long dwMsg,
     ptrMsg->m_ptrNode = ptrNode;
     ptrMsg->m_ptrValue = ptrValue;
     ptrMsg->m_dwMsg = static_cast<uint32_t>(dwMsg & KVRS_NOTIFY_MSG_MASK);
-    if ((dwMsg & KVRS_NOTIFY_LIFO) != 0)
+    if ((dwMsg & KVRS_NOTIFY_FRONT) != 0)
         m_ptrQueue->AddMsgLiFo(ptrMsg);
     else
         m_ptrQueue->AddMsgFiFo(ptrMsg);

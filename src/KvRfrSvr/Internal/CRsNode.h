@@ -6,6 +6,7 @@
 
 #include "CRsObj.h"
 #include "KvCppMfc/Shared/KvString.h"
+#include "KvRfrSvr.h"
 
 class CRsValue;
 class CRsChildList;
@@ -14,19 +15,11 @@ class CRsQueue;
 class CRsNodeHln;
 struct CRsConnectInfo;
 
-// Flag bits of the type word; every other bit is the caller's and kept as given.
-constexpr uint32_t KVRS_TYPE_VALUE = 0x1;
-constexpr uint32_t KVRS_TYPE_REF = 0x2;
-constexpr uint32_t KVRS_TYPE_PARENT = 0x4;
-constexpr uint32_t KVRS_TYPE_CONST = 0x10000;
-
-// Control bits of a notification number; the low 16 bits are the message number.
-constexpr uint32_t KVRS_NOTIFY_MSG_MASK = 0xFFFF;
-constexpr uint32_t KVRS_NOTIFY_LIFO = 0x10000;
-constexpr uint32_t KVRS_NOTIFY_THROUGH_REF = 0x2;
+// The type bits (KVRS_TYPE_...) and the parts of a notification number
+// (KVRS_NOTIFY_...) are the public header's.
 
 // Paths are copied into a buffer of this size; longer ones are refused.
-constexpr uint32_t KVRS_PATH_BUFFER = 8192;
+constexpr uint32_t KVRS_PATH_BUFFER = KVRS_PATH_MAX + 1;
 
 // Bounds that keep a reference cycle from hanging a call or overflowing the
 // stack: the length of a followed reference chain, and the depth of a walk.

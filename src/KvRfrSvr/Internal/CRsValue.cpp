@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "KvCppMfc/Platform/KvPlatform.h"
+
 CRsValue::CRsValue() : m_dwType(0), m_cBytes(0) {}
 
 CRsValue::~CRsValue()
@@ -15,7 +17,9 @@ CRsValue::~CRsValue()
 void CRsValue::ReleaseStorage()
 {
     if (m_pvStorage.IsNotNull()) {
-        KV_RS_CHECK(m_cBytes > 0);
+        // The report names the line the system has always given for this check.
+        if (!(m_cBytes > 0))
+            KvAssertReport("m_cBytes > 0", KV_RS_MODULE, 38);
         KvsPtr<char> pvOld = m_pvStorage;
         const int32_t cOld = m_cBytes;
         m_pvStorage = KvsPtr<char>();
@@ -36,7 +40,7 @@ void CRsValue::SetBytes(const void* pvSource, int32_t cBytes)
         return;
     char* pb = static_cast<char*>(
         KvGranularity::_Alloc(static_cast<uint32_t>(cBytes), KvGranularity::_GetDefaultWatcher()));
-    memcpy(pb, pvSource, static_cast<size_t>(cBytes));
+    KvCopyBytes(pb, pvSource, static_cast<size_t>(cBytes));  // the caller's buffer
     m_pvStorage = pb;
     m_cBytes = cBytes;
 }
@@ -44,5 +48,5 @@ void CRsValue::SetBytes(const void* pvSource, int32_t cBytes)
 void CRsValue::GetBytes(void* pvBuffer) const
 {
     if (m_pvStorage.IsNotNull() && m_cBytes > 0)
-        memcpy(pvBuffer, m_pvStorage.Get(), static_cast<size_t>(m_cBytes));
+        KvCopyBytes(pvBuffer, m_pvStorage.Get(), static_cast<size_t>(m_cBytes));  // the caller's buffer
 }

@@ -5,6 +5,8 @@
 #include <cstdint>
 
 #include "CRsObj.h"
+#include "KvCppMfc/Pool/KvGranularity.h"
+#include "KvRfrSvr.h"
 
 #pragma pack(push, 1)
 class CRsValue : public CRsObj {
@@ -33,6 +35,7 @@ private:
 #pragma pack(pop)
 
 static_assert(sizeof(CRsValue) == 33, "a value is 33 bytes");
+static_assert(KVRS_VALUE_MAX_BYTES == KVGRAN_MAX_REQUEST, "the largest value is the largest block");
 KV_RS_PIN_OFFSET(CRsValue, m_pvStorage, 21)
 KV_RS_PIN_OFFSET(CRsValue, m_dwType, 25)
 KV_RS_PIN_OFFSET(CRsValue, m_cBytes, 29)

@@ -18,7 +18,6 @@ void KvKeepTreeAlive()
 KV_CHILD_SCENARIO(OneCall)
 {
     (void)args;
-    KvKeepTreeAlive();
     return KvRsGetNodeType(nullptr, 0) == 0 ? 0 : 1;
 }
 

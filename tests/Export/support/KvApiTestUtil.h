@@ -7,7 +7,8 @@
 #include "KvRfrSvr.h"
 #include "common/KvTestSupport.h"
 
-// Adds this process's own root reference (released again by its exit).
+// Adds this process's own root reference (released again by its exit): for
+// fork() children, which do not pass through the program's start-up again.
 void KvKeepTreeAlive();
 
 // True when another process can make an exported call within cSeconds (the
