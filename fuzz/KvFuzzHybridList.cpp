@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "KvCppMfc/Diag/KvDebugOutput.h"
+#include "KvCppMfc/Diag/KvDiag.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvCppMfc/Shared/HybridList.h"
 #include "KvFuzzPools.h"

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "KvCppMfc/Diag/KvDebugOutput.h"
+#include "KvCppMfc/Diag/KvDiag.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
 
 extern "C" int LLVMFuzzerInitialize(int* pargc, char*** pargv)

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "KvCppMfc/Diag/KvDebugOutput.h"
+#include "KvCppMfc/Diag/KvDiag.h"
 #include "KvRfrSvr/Internal/CRsModel.h"
 #include "common/KvTestSupport.h"
 

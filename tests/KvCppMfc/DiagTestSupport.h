@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "KvCppMfc/Diag/KvDebugOutput.h"
+#include "KvCppMfc/Diag/KvDiag.h"
 #include "common/KvTestSupport.h"
 
 // The text after each line's prefix ("... E=<n>: "); lines without one stay whole.

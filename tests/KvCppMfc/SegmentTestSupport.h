@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "KvCppMfc/Diag/KvDebugOutput.h"
+#include "KvCppMfc/Diag/KvDiag.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvCppMfc/Shared/HybridList.h"
 #include "KvCppMfc/Shared/KvSmartPtr.h"

@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "KvCppMfc/Diag/KvDebugOutput.h"
+#include "KvCppMfc/Diag/KvDiag.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvRobustSupport.h"
 

@@ -12,10 +12,8 @@
 #include <cstring>
 #include <string>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include "../Platform/KvPlatform.h"
+#include "../Platform/KvFile.h"
+#include "../Platform/KvProcess.h"
 
 KvDebugOutput& KvDebugOutput::Instance()
 {
@@ -36,7 +34,7 @@ void SetDebugFile(const char* pszPath)
 
 static int KvOpenDebugFile(const char* pszPath)
 {
-    return open(pszPath, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    return KvFileOpenReadWrite(pszPath);
 }
 
 // The limit is a 32-bit byte count. A larger value, or one that strtoull wraps
@@ -83,7 +81,7 @@ bool OpenDebugEx(const char* pszDefaultPath, const char* pszEnvName)
     out.m_cbLimit = cbLimit;
     KvRecordPath((strDir + strFile).c_str());
     if (out.m_fd >= 0)
-        close(out.m_fd);
+        KvFileClose(out.m_fd);
     out.m_fd = KvOpenDebugFile(out.m_szPath);
     if (out.m_fd < 0)
         return false;
@@ -99,7 +97,7 @@ unsigned long OpenDebug(const char* pszPath, unsigned long cbLimit)
     KvRecordPath(pszPath);
     out.m_cbLimit = KvDebugLimitClamped(cbLimit);
     if (out.m_fd >= 0)
-        close(out.m_fd);
+        KvFileClose(out.m_fd);
     out.m_fd = KvOpenDebugFile(out.m_szPath);
     return static_cast<unsigned long>(out.m_fd);
 }
@@ -109,28 +107,21 @@ unsigned long FlushDebug()
     KvDebugOutput& out = KvDebugOutput::Instance();
     if (out.m_fd < 0)
         return static_cast<unsigned long>(-1);
-    return static_cast<unsigned long>(fsync(out.m_fd));
+    return static_cast<unsigned long>(KvFileSync(out.m_fd));
 }
 
 unsigned long CloseDebug()
 {
     KvDebugOutput& out = KvDebugOutput::Instance();
     if (out.m_fd >= 0)
-        close(out.m_fd);
+        KvFileClose(out.m_fd);
     out.m_fd = -1;
     return 0;
 }
 
 static unsigned long KvWriteAll(int fd, const char* pch, size_t cch)
 {
-    size_t cDone = 0;
-    while (cDone < cch) {
-        ssize_t c = write(fd, pch + cDone, cch - cDone);
-        if (c <= 0)
-            break;
-        cDone += static_cast<size_t>(c);
-    }
-    return static_cast<unsigned long>(cDone);
+    return static_cast<unsigned long>(KvFileWriteAll(fd, pch, cch));
 }
 
 unsigned long Write(const char* p1, unsigned long c1, const char* p2, unsigned long c2)
@@ -167,7 +158,7 @@ unsigned long _DebugOutput(const char* pszText, const char* pszFile, unsigned lo
     if (pszText == nullptr)
         pszText = "DebugOutput called with NULL-pointer message";
     const size_t cchText = strlen(pszText);
-    const off_t pos = lseek(out.m_fd, 0, SEEK_CUR);
+    const int64_t pos = KvFileTell(out.m_fd);
     if (pos < 0) {
         static const char szWarn[] = "!!!!!!!!! DebugOutput-Filepointer == -1 !!!!!!!!!\r\n";
         KvWriteAll(out.m_fd, szWarn, sizeof(szWarn) - 1);
@@ -176,7 +167,7 @@ unsigned long _DebugOutput(const char* pszText, const char* pszFile, unsigned lo
     }
     // A ring: start again at the beginning rather than pass the limit.
     if (static_cast<uint64_t>(pos) + static_cast<uint64_t>(cch) + cchText + 10 > out.m_cbLimit)
-        lseek(out.m_fd, 0, SEEK_SET);
+        KvFileRewind(out.m_fd);
     return Write(szPrefix, static_cast<unsigned long>(cch), pszText, static_cast<unsigned long>(cchText));
 }
 

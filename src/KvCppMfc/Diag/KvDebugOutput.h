@@ -1,35 +1,13 @@
-// KvDebugOutput.h - diagnostics: the per-process debug file, the error window,
-// internal-consistency reports, KvThrow and the texts of hardware exceptions.
-//
-// Nothing here raises except KvThrow (and KvGranThrow through it). Message boxes,
-// tones and the error window go through one replaceable sink (KvUiSink): by default
-// a box is written to standard error in one write, a tone does nothing visible and
-// the error window is an in-memory list of the newest 100 lines, also written to
-// standard error. In test mode the sink only counts.
+// KvDebugOutput.h - the per-process debug file: switched on and sized by an
+// environment variable, written as a ring, one prefixed line per output, and
+// the return-code helpers that write to it.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-struct KvFaultInfo;
-
-// ---------------------------------------------------------------------------
-// The sink for boxes, tones and the error window.
-// ---------------------------------------------------------------------------
-struct KvUiSink {
-    void (*pfnMessageBox)(const char* pszText, const char* pszCaption);
-    void (*pfnBeep)(unsigned dwFreq, unsigned dwMs);
-    void (*pfnErrorWindow)(const char* pszLine);
-};
-KvUiSink KvSetUiSink(const KvUiSink& sink);  // returns the sink it replaces
-const KvUiSink& KvGetUiSink();
-void KvMessageBox(const char* pszText, const char* pszCaption);
-void KvBeep(unsigned dwFreq, unsigned dwMs);
-
-// ---------------------------------------------------------------------------
 // The debug output (one object per process).
-// ---------------------------------------------------------------------------
 class KvDebugOutput {
 public:
     uint32_t m_cbLimit = 0;
@@ -67,36 +45,3 @@ unsigned long _DebugOutputRcOk(const char* pszFile, unsigned long nLine, unsigne
 unsigned long _DebugOutputRcErr(const char* pszFile, unsigned long nLine, unsigned long rc, unsigned long rcErr);
 unsigned long _DebugOutputRcWin(const char* pszFile, unsigned long nLine);
 unsigned long _DebugOutputWithoutRc(const char* pszFile, unsigned long nLine);
-
-// The error window: newest line first, at most 100 lines.
-void _ErrorOutputToWnd(const char* pszText, const char* pszFile, unsigned long nLine);
-std::vector<std::string> KvErrorWindowLines();
-void KvClearErrorWindow();
-
-// "Internal data structures corrupted in\nfile: %s\nline: %u\nstatement: %s" in a
-// box titled "ERROR". Returns; never raises.
-void KvErrorBox(const char* pszStatement, const char* pszFile, unsigned long nLine);
-
-// An internal-consistency report: the debug line, then the error box; execution goes on.
-void KvAssertReport(const char* pszStatement, const char* pszFile, unsigned long nLine);
-
-// Checks a condition and reports its own text when it fails. pszFile names the
-// module (for example "KvRfrSvr/Internal").
-#define KV_CHECK(cond, pszFile)                                   \
-    do {                                                          \
-        if (!(cond))                                              \
-            KvAssertReport(#cond, (pszFile), __LINE__);           \
-    } while (0)
-
-// The object raised by KvThrow: the first 255 bytes of the text.
-struct KvThrowText {
-    char m_sz[256];
-};
-
-[[noreturn]] void KvThrow(const char* pszText);
-void KvThrowSetTestMode(bool f);
-bool KvThrowGetTestMode();
-
-// Texts of hardware exceptions.
-const char* KvExceptionCode2Text(unsigned long dwCode);
-const char* KvExceptionInfo2Text(const KvFaultInfo& info);

@@ -1,5 +1,5 @@
 // KvErrorReport.cpp - message boxes, tones and the error window (through one
-// replaceable sink), internal-consistency reports, KvThrow and KvGranThrow.
+// replaceable sink), internal-consistency reports and KvThrow.
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -8,16 +8,15 @@
 #include <string>
 
 #include "../KvInitOrder.h"
-#include "../Platform/KvPlatform.h"
-#include "../Pool/KvGranularity.h"
-#include "../Pool/KvMemoryWatcher.h"
-#include "KvDebugOutput.h"
+#include "../Platform/KvProcess.h"
+#include "KvDiag.h"
 
 namespace {
 
 std::mutex s_mtxWindow;                 // guards additions to the error window
 KV_INIT_STATICS std::deque<std::string> s_lstWindow;  // newest first, at most 100 lines
 bool s_fThrowTestMode = false;
+void (*s_pfnStatisticsDump)() = nullptr;  // the pools' memory state, once they are attached
 
 // A box is caption, ": ", text and a newline, in one write so that lines of
 // several processes do not interleave.
@@ -125,9 +124,7 @@ bool KvThrowGetTestMode()
     return s_fThrowTestMode;
 }
 
-// Length of the longest prefix of psz, at most cchMax bytes, that ends on a
-// character boundary (UTF-8 continuation bytes are never cut from their lead).
-static size_t KvCutAtCharBoundary(const char* psz, size_t cchMax)
+size_t KvCutAtCharBoundary(const char* psz, size_t cchMax)
 {
     size_t cch = strlen(psz);
     if (cch <= cchMax)
@@ -149,12 +146,8 @@ void KvThrow(const char* pszText)
         static const unsigned s_aFreq[7] = {220, 440, 880, 440, 220, 440, 880};
         for (unsigned dwFreq : s_aFreq)
             KvBeep(dwFreq, 500);
-        if (KvGranularity::_poinf != nullptr) {
-            auto pState = std::make_unique<KvGranularityMemoryState>();
-            pState->Checkpoint();
-            pState->DumpStatisticsToDebugOutput();
-            pState->DumpStatisticsToStdOut();
-        }
+        if (s_pfnStatisticsDump != nullptr)
+            s_pfnStatisticsDump();
         KvMessageBox(pszText, KvApplicationPath().c_str());
     }
     KvThrowText ex;
@@ -164,20 +157,7 @@ void KvThrow(const char* pszText)
     throw ex;
 }
 
-void KvGranThrow(const char* pszText)
+void KvSetStatisticsDump(void (*pfnDump)())
 {
-    if (pszText == nullptr)
-        pszText = "";
-    char sz[260];
-    const size_t cchName = KvCutAtCharBoundary(KvGranularity::_s_szMemName, 259);
-    memcpy(sz, KvGranularity::_s_szMemName, cchName);
-    size_t cch = cchName;
-    const size_t cchSep = KvCutAtCharBoundary(": ", 259 - cch);
-    memcpy(sz + cch, ": ", cchSep);
-    cch += cchSep;
-    const size_t cchText = KvCutAtCharBoundary(pszText, 259 - cch);
-    memcpy(sz + cch, pszText, cchText);
-    cch += cchText;
-    sz[cch] = '\0';
-    KvThrow(sz);
+    s_pfnStatisticsDump = pfnDump;
 }

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "../Platform/KvPlatform.h"
-#include "KvDebugOutput.h"
+#include "KvDiag.h"
 
 namespace {
 struct KvCodeText {

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "../Diag/KvDebugOutput.h"
+#include "../Diag/KvDiag.h"
 #include "../KvInitOrder.h"
 #include "KvMemoryWatcher.h"
 #include "KvSegmentState.h"
@@ -248,4 +248,24 @@ void KvGranularity::_BadDeleteFunction(void* pv)
 KvDeleteFunction KvGetDeleteFunction(int32_t iIndex)
 {
     return KvGranularity::_GetDeleteFunction(iIndex);
+}
+
+// The pools' error path: the segment's name as this process recorded it, ": "
+// and the text, cut at character boundaries to 259 bytes, raised by KvThrow.
+void KvGranThrow(const char* pszText)
+{
+    if (pszText == nullptr)
+        pszText = "";
+    char sz[260];
+    const size_t cchName = KvCutAtCharBoundary(KvGranularity::_s_szMemName, 259);
+    memcpy(sz, KvGranularity::_s_szMemName, cchName);
+    size_t cch = cchName;
+    const size_t cchSep = KvCutAtCharBoundary(": ", 259 - cch);
+    memcpy(sz + cch, ": ", cchSep);
+    cch += cchSep;
+    const size_t cchText = KvCutAtCharBoundary(pszText, 259 - cch);
+    memcpy(sz + cch, pszText, cchText);
+    cch += cchText;
+    sz[cch] = '\0';
+    KvThrow(sz);
 }

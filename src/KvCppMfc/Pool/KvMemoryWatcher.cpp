@@ -10,7 +10,7 @@
 #include <random>
 #include <string>
 
-#include "../Diag/KvDebugOutput.h"
+#include "../Diag/KvDiag.h"
 #include "../Platform/KvPlatform.h"
 
 namespace {
@@ -409,4 +409,14 @@ void KvGranularityMemoryState::DumpStatisticsToStdOut() const
     }
     printf("Total memory : %d bytes\n", static_cast<int>(m_checkedAlloc.qwTotal + m_checkedFree.qwTotal));
     fflush(stdout);
+}
+
+void KvGranularityMemoryState::DumpCurrentStatistics()
+{
+    if (KvGranularity::_poinf == nullptr)
+        return;
+    auto pState = std::make_unique<KvGranularityMemoryState>();  // about 400 KiB
+    pState->Checkpoint();
+    pState->DumpStatisticsToDebugOutput();
+    pState->DumpStatisticsToStdOut();
 }

@@ -92,4 +92,7 @@ public:
     bool Difference(const KvGranularityMemoryState& oldState, const KvGranularityMemoryState& newState);
     void DumpStatisticsToDebugOutput() const;
     void DumpStatisticsToStdOut() const;
+    // A checkpoint of the pools now, dumped to the debug output and standard
+    // output (what KvThrow shows); nothing when no segment is attached.
+    static void DumpCurrentStatistics();
 };

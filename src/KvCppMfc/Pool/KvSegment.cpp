@@ -11,7 +11,7 @@
 #include <cstring>
 #include <string>
 
-#include "../Diag/KvDebugOutput.h"
+#include "../Diag/KvDiag.h"
 #include "../Platform/KvPlatform.h"
 #include "KvGranularity.h"
 #include "KvMemoryWatcher.h"
@@ -304,6 +304,7 @@ int32_t KvGranularity::_AllocSharedMem(uint32_t size, const char* pszName)
         KvCheckFingerprint(pszName);
     _Init(fFirst);
     _stMax = size;
+    KvSetStatisticsDump(&KvGranularityMemoryState::DumpCurrentStatistics);
     return __atomic_load_n(KvAttachCount(_poinf), __ATOMIC_SEQ_CST);
 }
 
@@ -316,6 +317,7 @@ void KvGranularity::_AllocMem(uint32_t size)
     S().fPrivate = true;
     _stMax = size;
     _Init(true);
+    KvSetStatisticsDump(&KvGranularityMemoryState::DumpCurrentStatistics);
     _s_cThisApplicationsAccess += 1;
     snprintf(_s_szMemName, sizeof(_s_szMemName), "%s", KvApplicationPath().c_str());
 }

@@ -24,7 +24,7 @@
 #include <cstdint>
 #include <string>
 
-#include "../Diag/KvDebugOutput.h"
+#include "../Diag/KvDiag.h"
 #include "KvSharedClass.h"
 
 // Sort types (QSL_SortTypes). The walk goes on past an element while the three-way

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <exception>
 
-#include "../Diag/KvDebugOutput.h"
+#include "../Diag/KvDiag.h"
 #include "KvSharedClass.h"
 
 template <class T>

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "../Diag/KvDebugOutput.h"
+#include "../Diag/KvDiag.h"
 
 // What a string without a buffer reads as.
 const char KvString::s_szEmpty[1] = {'\0'};

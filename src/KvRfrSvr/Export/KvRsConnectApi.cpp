@@ -12,9 +12,9 @@ static_assert(offsetof(KVRSCONNECTINFO, idTarget) == offsetof(CRsConnectInfo, id
 static_assert(sizeof(KvRsQueueProxy) == offsetof(CRsConnectInfo, pvTarget), "");
 
 namespace {
-KvSmartPtr<CRsNode> KvRsNode(void* h, unsigned long id, const char* pszFunc)
+KvSmartPtr<CRsNode> KvRsNode(void* h, unsigned long id)
 {
-    return KvRsHandle2<CRsNode>(h, id, pszFunc);
+    return KvRsHandle2<CRsNode>(h, id);
 }
 
 CRsConnectInfo* KvRsModelRecord(KVRSCONNECTINFO* pInfo)
@@ -35,7 +35,7 @@ void KvRsNotifyClients(CRsNode* pNode, unsigned long type, const KvSmartPtr<CRsV
 void KvRsConnectServer(void* hNode, unsigned long idNode, void* hTarget, unsigned long idTarget)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsConnectServer()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             ptrNode->ConnectServer(hTarget, idTarget, g_ptrThisPrcsQueue);
     });
@@ -45,8 +45,8 @@ void KvRsConnectServerToQueue(void* hNode, unsigned long idNode, void* hTarget, 
                               unsigned long idQueue)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsQueue> ptrQueue = KvRsHandle2<CRsQueue>(hQueue, idQueue, "KvRsConnectServerToQueue(), ptrQueue");
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsConnectServerToQueue(), ptrNode");
+        KvSmartPtr<CRsQueue> ptrQueue = KvRsHandle2<CRsQueue>(hQueue, idQueue);
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             ptrNode->ConnectServer(hTarget, idTarget, ptrQueue);
     });
@@ -55,7 +55,7 @@ void KvRsConnectServerToQueue(void* hNode, unsigned long idNode, void* hTarget, 
 void KvRsGetServer(void* hNode, unsigned long idNode, KVRSCONNECTINFO* pInfo)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetServer()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             ptrNode->GetServer(KvRsModelRecord(pInfo));
     });
@@ -64,7 +64,7 @@ void KvRsGetServer(void* hNode, unsigned long idNode, KVRSCONNECTINFO* pInfo)
 void KvRsDisconnectServer(void* hNode, unsigned long idNode)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsDisconnectServer()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             ptrNode->DisconnectServer();
     });
@@ -73,7 +73,7 @@ void KvRsDisconnectServer(void* hNode, unsigned long idNode)
 void KvRsConnectClient(void* hNode, unsigned long idNode, void* hTarget, unsigned long idTarget)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsConnectClient()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             ptrNode->ConnectClient(hTarget, idTarget, g_ptrThisPrcsQueue);
     });
@@ -83,8 +83,8 @@ void KvRsConnectClientToQueue(void* hNode, unsigned long idNode, void* hTarget, 
                               unsigned long idQueue)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsQueue> ptrQueue = KvRsHandle2<CRsQueue>(hQueue, idQueue, "KvRsConnectClientToQueue(), ptrQueue");
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsConnectClientToQueue(), ptrNode");
+        KvSmartPtr<CRsQueue> ptrQueue = KvRsHandle2<CRsQueue>(hQueue, idQueue);
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             ptrNode->ConnectClient(hTarget, idTarget, ptrQueue);
     });
@@ -93,7 +93,7 @@ void KvRsConnectClientToQueue(void* hNode, unsigned long idNode, void* hTarget, 
 void KvRsDisconnectClient(void* hNode, unsigned long idNode, void* hTarget, unsigned long idTarget)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsDisconnectClient()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             ptrNode->DisconnectClient(hTarget, idTarget);
     });
@@ -102,7 +102,7 @@ void KvRsDisconnectClient(void* hNode, unsigned long idNode, void* hTarget, unsi
 long KvRsGetClientCount(void* hNode, unsigned long idNode)
 {
     return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetClientData()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             cResult = ptrNode->GetClientCount();
     });
@@ -111,7 +111,7 @@ long KvRsGetClientCount(void* hNode, unsigned long idNode)
 void KvRsEnumClients(void* hNode, unsigned long idNode, KVRSCONNECTINFO* aInfo, long cInfo)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetClientData()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             ptrNode->EnumClients(KvRsModelRecord(aInfo), cInfo);
     });
@@ -120,8 +120,8 @@ void KvRsEnumClients(void* hNode, unsigned long idNode, KVRSCONNECTINFO* aInfo, 
 void KvRsNotifyNodeServer(void* hNode, unsigned long idNode, unsigned long type, void* hValue, unsigned long idValue)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsNotifyNodeServer(), ptrNode");
-        KvSmartPtr<CRsValue> ptrValue = KvRsHandle2<CRsValue>(hValue, idValue, "KvRsNotifyNodeServer(), ptrValue");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
+        KvSmartPtr<CRsValue> ptrValue = KvRsHandle2<CRsValue>(hValue, idValue);
         KvRsUse(ptrNode)->NotifyServer(type, ptrValue, false);
     });
 }
@@ -130,8 +130,8 @@ void KvRsNotifyNodeClients(void* hNode, unsigned long idNode, unsigned long type
                            bool fFlag)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsNotifyNodeClients(), ptrNode");
-        KvSmartPtr<CRsValue> ptrValue = KvRsHandle2<CRsValue>(hValue, idValue, "KvRsNotifyNodeClients(), ptrValue");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
+        KvSmartPtr<CRsValue> ptrValue = KvRsHandle2<CRsValue>(hValue, idValue);
         KvRsNotifyClients(KvRsUse(ptrNode), type, ptrValue, fFlag);
     });
 }

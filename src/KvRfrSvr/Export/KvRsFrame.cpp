@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "KvCppMfc/Diag/KvDebugOutput.h"
+#include "KvCppMfc/Diag/KvDiag.h"
 
 KvRsState g_eKvRsState = KvRsState::Loaded;
 

@@ -10,9 +10,9 @@ void* KvRsHandleAddress(void* handle)
     return KvGranularity::_pvBase + uOffset;
 }
 
-KvSmartPtr<CRsObj> KvRsHandle2Ptr(void* handle, unsigned long id, const char* pszFunc)
+KvSmartPtr<CRsObj> KvRsHandle2Ptr(void* handle, unsigned long id)
 {
-    return KvRsHandle2<CRsObj>(handle, id, pszFunc);
+    return KvRsHandle2<CRsObj>(handle, id);
 }
 
 void KvRsProxyAccess::Release(KvRsProxy& proxy)
@@ -37,7 +37,7 @@ void KvRsProxyAccess::Assign(KvRsProxy& proxy, CRsObj* pObj)
 void KvRsAddRef(void* handle, unsigned long id)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsObj> ptr = KvRsHandle2Ptr(handle, id, "KvRsAddRef()");
+        KvSmartPtr<CRsObj> ptr = KvRsHandle2Ptr(handle, id);
         if (ptr.IsNotNull())
             ptr->AddRefFromSmartPtr();
     });
@@ -46,7 +46,7 @@ void KvRsAddRef(void* handle, unsigned long id)
 bool KvRsRmvRef(void* handle, unsigned long id)
 {
     return KvRsFramedResult<bool>(__LINE__, [&](bool& fResult) {
-        KvSmartPtr<CRsObj> ptr = KvRsHandle2Ptr(handle, id, "KvRsRmvRef()");
+        KvSmartPtr<CRsObj> ptr = KvRsHandle2Ptr(handle, id);
         if (ptr.IsNotNull()) {
             // The temporary still counts, so this cannot be the last unit; the
             // object dies, if at all, when the temporary goes.

@@ -1,10 +1,10 @@
 // KvRsHandles.h - handles (segment offset + id) and the library side of proxies.
 //
-// A handle is turned into a counted reference without validation: the id and the
-// function text are carried for the caller's benefit only, and a stale handle is
-// used as it is. The one guard kept is that an offset outside the segment is
-// answered as the access violation it would be, instead of reaching memory of
-// this process that is not the segment.
+// A handle is turned into a counted reference without validation: the id is
+// carried for the caller's benefit only, and a stale handle is used as it is.
+// The one guard kept is that an offset outside the segment is answered as the
+// access violation it would be, instead of reaching memory of this process
+// that is not the segment.
 #pragma once
 
 #include <cstdint>
@@ -32,14 +32,14 @@ void* KvRsHandleAddress(void* handle);
 // A counted reference to the object at handle, typed as the caller expects
 // (null for a null handle). No id, type or liveness check: deliberate.
 template <class T>
-KvSmartPtr<T> KvRsHandle2(void* handle, unsigned long /*id*/, const char* /*pszFunc*/)
+KvSmartPtr<T> KvRsHandle2(void* handle, unsigned long /*id*/)
 {
     if (handle == nullptr)
         return KvSmartPtr<T>();
     return KvSmartPtr<T>(static_cast<T*>(KvRsHandleAddress(handle)));
 }
 
-KvSmartPtr<CRsObj> KvRsHandle2Ptr(void* handle, unsigned long id, const char* pszFunc);
+KvSmartPtr<CRsObj> KvRsHandle2Ptr(void* handle, unsigned long id);
 
 // The object of a counted reference that a body is about to use; a null one
 // raises the access violation that using it would cause.

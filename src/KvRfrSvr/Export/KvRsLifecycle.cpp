@@ -11,7 +11,7 @@
 #include <cstring>
 #include <string>
 
-#include "KvCppMfc/Diag/KvDebugOutput.h"
+#include "KvCppMfc/Diag/KvDiag.h"
 #include "KvCppMfc/KvInitOrder.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvRfrSvr.h"

@@ -5,13 +5,13 @@
 #include "KvRsHandles.h"
 
 namespace {
-KvSmartPtr<CRsMsg> KvRsMsg(void* h, unsigned long id, const char* pszFunc)
+KvSmartPtr<CRsMsg> KvRsMsg(void* h, unsigned long id)
 {
-    return KvRsHandle2<CRsMsg>(h, id, pszFunc);
+    return KvRsHandle2<CRsMsg>(h, id);
 }
-KvSmartPtr<CRsQueue> KvRsQueue(void* h, unsigned long id, const char* pszFunc)
+KvSmartPtr<CRsQueue> KvRsQueue(void* h, unsigned long id)
 {
-    return KvRsHandle2<CRsQueue>(h, id, pszFunc);
+    return KvRsHandle2<CRsQueue>(h, id);
 }
 }  // namespace
 
@@ -28,8 +28,8 @@ KvRsMsgProxy KvRsCreateMsg(unsigned long type, KvRsValueProxy value, KvRsNodePro
     ptrMsg->m_dwMsg = static_cast<uint32_t>(type);
     ptrMsg->m_pvMsgTarget = hTarget;
     ptrMsg->m_idMsgTarget = static_cast<uint32_t>(idTarget);
-    ptrMsg->m_ptrNode = KvRsHandle2<CRsNode>(changedNode.GetHandle(), changedNode.GetId(), "KvRsCreateMsg:1()");
-    ptrMsg->m_ptrValue = KvRsHandle2<CRsValue>(value.GetHandle(), value.GetId(), "KvRsCreateMsg:2()");
+    ptrMsg->m_ptrNode = KvRsHandle2<CRsNode>(changedNode.GetHandle(), changedNode.GetId());
+    ptrMsg->m_ptrValue = KvRsHandle2<CRsValue>(value.GetHandle(), value.GetId());
     KvRsSetProxy(result, ptrMsg);
     return result;
 }
@@ -37,7 +37,7 @@ KvRsMsgProxy KvRsCreateMsg(unsigned long type, KvRsValueProxy value, KvRsNodePro
 unsigned long KvRsGetMsgType(void* hMsg, unsigned long idMsg)
 {
     return KvRsFramedResult<unsigned long>(__LINE__, [&](unsigned long& dwResult) {
-        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg, "KvRsGetMsgType()");
+        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg);
         if (ptrMsg.IsNotNull())
             dwResult = ptrMsg->m_dwMsg;
     });
@@ -46,7 +46,7 @@ unsigned long KvRsGetMsgType(void* hMsg, unsigned long idMsg)
 KvRsValueProxy KvRsGetMsgValue(void* hMsg, unsigned long idMsg)
 {
     return KvRsFramedResult<KvRsValueProxy>(__LINE__, [&](KvRsValueProxy& result) {
-        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg, "KvRsGetMsgValue()");
+        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg);
         if (ptrMsg.IsNotNull())
             KvRsSetProxySafe(result, ptrMsg->m_ptrValue);
     });
@@ -55,7 +55,7 @@ KvRsValueProxy KvRsGetMsgValue(void* hMsg, unsigned long idMsg)
 KvRsNodeProxy KvRsGetMsgChangedNode(void* hMsg, unsigned long idMsg)
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
-        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg, "KvRsGetMsgChangedNode()");
+        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg);
         if (ptrMsg.IsNotNull())
             KvRsSetProxySafe(result, ptrMsg->m_ptrNode);
     });
@@ -64,7 +64,7 @@ KvRsNodeProxy KvRsGetMsgChangedNode(void* hMsg, unsigned long idMsg)
 void KvRsGetMsgTarget(void* hMsg, unsigned long idMsg, void*& hTarget, unsigned long& idTarget)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg, "KvRsGetMsgTarget()");
+        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg);
         if (ptrMsg.IsNull())
             return;
         hTarget = ptrMsg->m_pvMsgTarget;
@@ -123,14 +123,14 @@ KvRsMsgProxy KvRsGetMsg(void)
 long KvRsGetQueueMsgCount(void* hQueue, unsigned long idQueue)
 {
     return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
-        cResult = KvRsUse(KvRsQueue(hQueue, idQueue, "KvRsGetQueueMsgCount(), ptrQueue"))->GetMsgCount();
+        cResult = KvRsUse(KvRsQueue(hQueue, idQueue))->GetMsgCount();
     });
 }
 
 KvRsMsgProxy KvRsGetQueueMsg(void* hQueue, unsigned long idQueue)
 {
     return KvRsFramedResult<KvRsMsgProxy>(__LINE__, [&](KvRsMsgProxy& result) {
-        KvSmartPtr<CRsQueue> ptrQueue = KvRsQueue(hQueue, idQueue, "KvRsGetQueueMsg(), ptrQueue");
+        KvSmartPtr<CRsQueue> ptrQueue = KvRsQueue(hQueue, idQueue);
         KvRsSetProxySafe(result, KvRsUse(ptrQueue)->GetMsg());
     });
 }
@@ -138,13 +138,13 @@ KvRsMsgProxy KvRsGetQueueMsg(void* hQueue, unsigned long idQueue)
 unsigned long KvRsGetQueueProcessId(void* hQueue, unsigned long idQueue)
 {
     return KvRsFramedResult<unsigned long>(__LINE__, [&](unsigned long& dwResult) {
-        dwResult = KvRsUse(KvRsQueue(hQueue, idQueue, "KvRsGetQueueMsgCount(), ptrQueue"))->GetProcessId();
+        dwResult = KvRsUse(KvRsQueue(hQueue, idQueue))->GetProcessId();
     });
 }
 
 const char* KvRsGetQueueName(void* hQueue, unsigned long idQueue)
 {
     return KvRsFramedResult<const char*>(__LINE__, [&](const char*& pszResult) {
-        pszResult = KvRsUse(KvRsQueue(hQueue, idQueue, "KvRsGetQueueMsgCount(), ptrQueue"))->GetName();
+        pszResult = KvRsUse(KvRsQueue(hQueue, idQueue))->GetName();
     });
 }

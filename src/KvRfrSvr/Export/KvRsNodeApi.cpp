@@ -10,9 +10,9 @@
 #include "KvRsHandles.h"
 
 namespace {
-KvSmartPtr<CRsNode> KvRsNode(void* h, unsigned long id, const char* pszFunc)
+KvSmartPtr<CRsNode> KvRsNode(void* h, unsigned long id)
 {
-    return KvRsHandle2<CRsNode>(h, id, pszFunc);
+    return KvRsHandle2<CRsNode>(h, id);
 }
 }  // namespace
 
@@ -27,7 +27,7 @@ KvRsNodeProxy KvRsGetNode(const char* path)
 KvRsNodeProxy KvRsGetChildNode(void* hParent, unsigned long idParent, const char* name)
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
-        KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent, "KvRsGetChildNode(), ptrParent");
+        KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent);
         if (ptrParent.IsNotNull())
             KvRsSetProxySafe(result, ptrParent->GetChild(KvRsTextOrFault(name)));
     });
@@ -36,7 +36,7 @@ KvRsNodeProxy KvRsGetChildNode(void* hParent, unsigned long idParent, const char
 KvRsNodeProxy KvRsGetDescendantNode(void* hParent, unsigned long idParent, const char* path)
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
-        KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent, "KvRsGetDescendantNode(), ptrParent");
+        KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent);
         KvRsSetProxySafe(result, KvRsUse(ptrParent)->GetDescendant(KvRsTextOrFault(path)));
     });
 }
@@ -44,7 +44,7 @@ KvRsNodeProxy KvRsGetDescendantNode(void* hParent, unsigned long idParent, const
 void KvRsRemoveChildNode(void* hParent, unsigned long idParent, const char* name)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent, "KvRsRemoveChildNode()");
+        KvSmartPtr<CRsNode> ptrParent = KvRsNode(hParent, idParent);
         if (ptrParent.IsNotNull())
             ptrParent->RemoveChild(KvRsTextOrFault(name));
     });
@@ -53,7 +53,7 @@ void KvRsRemoveChildNode(void* hParent, unsigned long idParent, const char* name
 long KvRsGetChildNodeCount(void* hNode, unsigned long idNode)
 {
     return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetChildNodeCount()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             cResult = ptrNode->GetChildCount();
     });
@@ -62,7 +62,7 @@ long KvRsGetChildNodeCount(void* hNode, unsigned long idNode)
 void KvRsGetNodeName(void* hNode, unsigned long idNode, char* pszName)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetNodeName()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNull())
             return;
         const char* pszOwn = ptrNode->GetName();
@@ -77,7 +77,7 @@ void KvRsGetNodeName(void* hNode, unsigned long idNode, char* pszName)
 long KvRsGetNodeNameLength(void* hNode, unsigned long idNode)
 {
     return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetNodeNameLength()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull() && ptrNode->GetName() != nullptr)
             cResult = static_cast<long>(strlen(ptrNode->GetName()));
     });
@@ -86,7 +86,7 @@ long KvRsGetNodeNameLength(void* hNode, unsigned long idNode)
 KvRsNodeProxy KvRsGetNodeParent(void* hNode, unsigned long idNode)
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetNodeParent()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             KvRsSetProxySafe(result, KvSmartPtr<CRsNode>(ptrNode->GetParent()));
     });
@@ -95,7 +95,7 @@ KvRsNodeProxy KvRsGetNodeParent(void* hNode, unsigned long idNode)
 unsigned long KvRsGetNodeType(void* hNode, unsigned long idNode)
 {
     return KvRsFramedResult<unsigned long>(__LINE__, [&](unsigned long& dwResult) {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetNodeType()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             dwResult = ptrNode->GetType();
     });
@@ -104,7 +104,7 @@ unsigned long KvRsGetNodeType(void* hNode, unsigned long idNode)
 void KvRsSetNodeType(void* hNode, unsigned long idNode, unsigned long type)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsSetNodeType()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             ptrNode->SetType(static_cast<uint32_t>(type));
     });
@@ -113,7 +113,7 @@ void KvRsSetNodeType(void* hNode, unsigned long idNode, unsigned long type)
 KvRsValueProxy KvRsGetNodeValue(void* hNode, unsigned long idNode)
 {
     return KvRsFramedResult<KvRsValueProxy>(__LINE__, [&](KvRsValueProxy& result) {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetNodeValue()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             KvRsSetProxySafe(result, ptrNode->GetValue());
     });
@@ -122,8 +122,8 @@ KvRsValueProxy KvRsGetNodeValue(void* hNode, unsigned long idNode)
 void KvRsSetNodeValue(void* hNode, unsigned long idNode, void* hValue, unsigned long idValue)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsSetNodeValue(), ptrNode");
-        KvSmartPtr<CRsValue> ptrValue = KvRsHandle2<CRsValue>(hValue, idValue, "KvRsSetNodeValue(), ptrValue");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
+        KvSmartPtr<CRsValue> ptrValue = KvRsHandle2<CRsValue>(hValue, idValue);
         KvRsUse(ptrNode)->SetValue(ptrValue);
     });
 }
@@ -131,7 +131,7 @@ void KvRsSetNodeValue(void* hNode, unsigned long idNode, void* hValue, unsigned 
 KvRsNodeProxy KvRsGetRefNode(void* hNode, unsigned long idNode)
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsGetRefNode()");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
         if (ptrNode.IsNotNull())
             KvRsSetProxySafe(result, ptrNode->GetRef());
     });
@@ -140,8 +140,8 @@ KvRsNodeProxy KvRsGetRefNode(void* hNode, unsigned long idNode)
 void KvRsSetRefNode(void* hNode, unsigned long idNode, void* hRef, unsigned long idRef)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode, "KvRsSetRefNode(), ptrNode");
-        KvSmartPtr<CRsNode> ptrRef = KvRsNode(hRef, idRef, "KvRsSetRefNode(), ptrNodeRef");
+        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
+        KvSmartPtr<CRsNode> ptrRef = KvRsNode(hRef, idRef);
         KvRsUse(ptrNode)->SetRef(ptrRef);
     });
 }

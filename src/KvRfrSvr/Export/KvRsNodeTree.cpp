@@ -73,7 +73,7 @@ void KvRsCreateMissing(KvSmartPtr<CRsNode>& ptrNode, const char* pszRest, char* 
 KvRsNodeProxy KvRsCreateNode(const char* path, void* hParent, unsigned long idParent)
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
-        KvSmartPtr<CRsNode> ptrParent = KvRsHandle2<CRsNode>(hParent, idParent, "KvRsCreateNode()");
+        KvSmartPtr<CRsNode> ptrParent = KvRsHandle2<CRsNode>(hParent, idParent);
         if (ptrParent.IsNull())
             ptrParent = GetRoot();
         KV_CHECK(ptrParent.IsNotNull(), KVRS_EXPORT_MODULE);
@@ -93,7 +93,7 @@ KvRsNodeProxy KvRsCreateNode(const char* path, void* hParent, unsigned long idPa
 KvRsNodeProxy KvRsAddChildNode(void* hParent, unsigned long idParent, const char* name)
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
-        KvSmartPtr<CRsNode> ptrParent = KvRsHandle2<CRsNode>(hParent, idParent, "KvRsAddChildNode()");
+        KvSmartPtr<CRsNode> ptrParent = KvRsHandle2<CRsNode>(hParent, idParent);
         if (ptrParent.IsNull())
             return;
         KvSmartPtr<CRsNode> ptrChild = ptrParent->GetChild(KvRsTextOrFault(name));
@@ -107,7 +107,7 @@ KvRsNodeProxy KvRsGetAncestorsDescendantNode(void* hNode, unsigned long idNode, 
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
         KvSmartPtr<CRsNode> ptrNode =
-            KvRsHandle2<CRsNode>(hNode, idNode, "KvRsGetAncestorsDescendantNode(), ptrParent");
+            KvRsHandle2<CRsNode>(hNode, idNode);
         // The nearest ancestor that has a matching descendant wins.
         while (ptrNode.IsNotNull()) {
             KvSmartPtr<CRsNode> ptrFound = ptrNode->GetDescendant(KvRsTextOrFault(path));
@@ -123,10 +123,10 @@ KvRsNodeProxy KvRsGetAncestorsDescendantNode(void* hNode, unsigned long idNode, 
 KvRsNodeProxy KvRsGetChildNode(void* hParent, unsigned long idParent, void* hChild, unsigned long idChild)
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
-        KvSmartPtr<CRsNode> ptrParent = KvRsHandle2<CRsNode>(hParent, idParent, "KvRsGetChildNode(), ptrParent");
+        KvSmartPtr<CRsNode> ptrParent = KvRsHandle2<CRsNode>(hParent, idParent);
         if (ptrParent.IsNull())
             return;
-        KvSmartPtr<CRsNode> ptrChild = KvRsHandle2<CRsNode>(hChild, idChild, "KvRsGetChildNode(), ptrChild");
+        KvSmartPtr<CRsNode> ptrChild = KvRsHandle2<CRsNode>(hChild, idChild);
         // With a child, its successor in its own parent's list: the parent
         // argument is deliberately not consulted then.
         KvRsSetProxySafe(result, ptrChild.IsNull() ? ptrParent->GetFirstChild() : ptrChild->GetNextSibling());

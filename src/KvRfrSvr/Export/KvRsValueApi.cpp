@@ -5,9 +5,9 @@
 #include "KvRsHandles.h"
 
 namespace {
-KvSmartPtr<CRsValue> KvRsValue(void* h, unsigned long id, const char* pszFunc)
+KvSmartPtr<CRsValue> KvRsValue(void* h, unsigned long id)
 {
-    return KvRsHandle2<CRsValue>(h, id, pszFunc);
+    return KvRsHandle2<CRsValue>(h, id);
 }
 }  // namespace
 
@@ -21,7 +21,7 @@ KvRsValueProxy KvRsCreateValue(void)
 unsigned long KvRsGetValueType(void* hValue, unsigned long idValue)
 {
     return KvRsFramedResult<unsigned long>(__LINE__, [&](unsigned long& dwResult) {
-        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsGetValueType()");
+        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue);
         if (ptrValue.IsNotNull())
             dwResult = ptrValue->GetValueType();
     });
@@ -30,7 +30,7 @@ unsigned long KvRsGetValueType(void* hValue, unsigned long idValue)
 void KvRsSetValueType(void* hValue, unsigned long idValue, unsigned long type)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsSetValueType()");
+        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue);
         if (ptrValue.IsNotNull())
             ptrValue->SetValueType(static_cast<uint32_t>(type));
     });
@@ -39,7 +39,7 @@ void KvRsSetValueType(void* hValue, unsigned long idValue, unsigned long type)
 long KvRsGetValueByteCount(void* hValue, unsigned long idValue)
 {
     return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
-        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsGetValueByteCount()");
+        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue);
         if (ptrValue.IsNotNull())
             cResult = ptrValue->GetByteCount();
     });
@@ -49,7 +49,7 @@ void KvRsGetValueBytes(void* hValue, unsigned long idValue, unsigned char* pb)
 {
     // A bad caller buffer faults inside the copy and ends in the frame's report.
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsGetValueBytes()");
+        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue);
         if (ptrValue.IsNotNull())
             ptrValue->GetBytes(pb);
     });
@@ -58,7 +58,7 @@ void KvRsGetValueBytes(void* hValue, unsigned long idValue, unsigned char* pb)
 void KvRsSetValueBytes(void* hValue, unsigned long idValue, unsigned char* pb, long cb)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue, "KvRsSetValueBytes()");
+        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue);
         // long is 64-bit on x86_64: the count is judged whole, never by its low
         // 32 bits. 0 or less empties the value; more than 32 bits can hold is
         // the largest count, which the pools then refuse.

@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-#include "KvCppMfc/Diag/KvDebugOutput.h"
+#include "KvCppMfc/Diag/KvDiag.h"
 
 // Module named in every internal-consistency report of the object model.
 #define KV_RS_MODULE "KvRfrSvr/Internal"

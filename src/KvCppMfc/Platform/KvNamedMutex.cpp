@@ -1,4 +1,4 @@
-// KvPlatformMutex.cpp - named mutexes: process-shared, recursive and robust
+// KvNamedMutex.cpp - named mutexes: process-shared, recursive and robust
 // locks on a futex word, entered in the thread's kernel robust list.
 //
 // The lock word follows the kernel's robust-futex protocol: 0 when free, the
@@ -8,7 +8,9 @@
 // pthread mutexes. A held mutex of ours joins that list as an entry of the same
 // shape (the link at the same distance from the word), linked and unlinked the
 // way glibc links its own, so the kernel releases both kinds when a thread dies.
-#include "KvPlatform.h"
+#include "KvNamedMutex.h"
+#include "KvPlatformNames.h"
+#include "KvProcess.h"
 
 #include <cerrno>
 #include <cstddef>
