@@ -45,16 +45,17 @@ TEST_F(WatcherTest, ChainIsNewestFirstAndFoundByTypeAndDescription)
     void* pv = G::_Alloc(12, a.GetWatcher());
     {
         WatcherHolder again("KvTestObj", "first", 12);
+        // A packed field is compared through + (a value), never bound to a reference.
         EXPECT_EQ(a.GetWatcher(), again.GetWatcher());
-        EXPECT_EQ(1u, a.GetWatcher()->m_cOpened);
+        EXPECT_EQ(1u, +a.GetWatcher()->m_cOpened);
         W* pByName = W::_GetSharedWatcher("KvTestObj: first", nullptr, 0);
         EXPECT_EQ(a.GetWatcher(), pByName);
         W::_FreeSharedWatcher(pByName);
         a.GetWatcher()->Init("KvTestObj", "first", 12);
     }
-    EXPECT_EQ(0u, a.GetWatcher()->m_cOpened);
-    EXPECT_EQ(1u, a.GetWatcher()->m_cAllocChecked);
-    EXPECT_EQ(0u, b.GetWatcher()->m_cAllocChecked);
+    EXPECT_EQ(0u, +a.GetWatcher()->m_cOpened);
+    EXPECT_EQ(1u, +a.GetWatcher()->m_cAllocChecked);
+    EXPECT_EQ(0u, +b.GetWatcher()->m_cAllocChecked);
     EXPECT_EQ(3u, G::_GetWatcherCount());
     EXPECT_STREQ("Other: first", G::_poinf->_szFirstWatcher);
     G::_Free(pv, 12, a.GetWatcher());
@@ -100,9 +101,9 @@ TEST_F(WatcherTest, TwoProcessesShareOneWatcherAndItsCounts)
         pv = G::_Alloc(12, p);
     G::_Free(apv[2], 12, p);
     ASSERT_EQ(0, KvTestWait(KvTestSpawn("CountIntoTheSharedWatcher")));
-    EXPECT_EQ(4u, p->m_cAllocChecked);
-    EXPECT_EQ(static_cast<uint64_t>(-2), p->m_cFreeChecked);
-    EXPECT_EQ(0u, p->m_cOpened) << "the child gave its opening back";
+    EXPECT_EQ(4u, +p->m_cAllocChecked);
+    EXPECT_EQ(static_cast<uint64_t>(-2), +p->m_cFreeChecked);
+    EXPECT_EQ(0u, +p->m_cOpened) << "the child gave its opening back";
     EXPECT_EQ(1u, G::_GetWatcherCount());
     G::_Free(apv[0], 12, p);
     G::_Free(apv[1], 12, p);

@@ -331,6 +331,9 @@ void KvrsInstallStopHandlers()
     sa.sa_flags = 0;  // no SA_RESTART: a sleep ends early so the loop sees the flag
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+    // A reader that goes away (`kvrs listen ... | head -1`) ends the command
+    // as cleanly as Ctrl-C does: its connections leave the tree.
+    sigaction(SIGPIPE, &sa, nullptr);
 }
 
 bool KvrsStopRequested()

@@ -188,13 +188,19 @@ void RunListen(const ListenOptions& opt)
 
 // --- serve -------------------------------------------------------------------
 
-void RunServe()
+// Keeps the tree, and reaps ended processes every reap interval (0: never), so
+// that a killed client's queue never fills the segment while nobody starts.
+void RunServe(long cmsReap)
 {
     KvrsInstallStopHandlers();
     printf("serving namespace %s pid %u\n", KvNamespace().c_str(), KvGetCurrentProcessId());
     fflush(stdout);
-    while (!KvrsStopRequested())
-        KvrsSleepMicros(1000000);  // a stop signal cuts the sleep short
+    const int64_t cusSleep = cmsReap > 0 ? cmsReap * 1000 : 1000000;
+    while (!KvrsStopRequested()) {
+        KvrsSleepMicros(cusSleep);  // a stop signal cuts the sleep short
+        if (cmsReap > 0 && !KvrsStopRequested())
+            KvrsReapNow(true);
+    }
 }
 
 void AddNotify(CLI::App& app)
@@ -235,5 +241,9 @@ void KvrsAddNotifyCommands(CLI::App& app)
     AddNotify(app);
     AddListen(app);
     CLI::App* sub = app.add_subcommand("serve", "Keep the tree alive until SIGINT or SIGTERM");
-    sub->callback([] { RunServe(); });
+    auto cmsReap = std::make_shared<long>(1000);
+    sub->add_option("--reap-ms", *cmsReap, "Reap killed processes every N ms (0: never)")
+        ->capture_default_str()
+        ->check(CLI::Range(0L, 86400000L));
+    sub->callback([cmsReap] { RunServe(*cmsReap); });
 }

@@ -57,6 +57,7 @@ int main(int argc, char** argv)
     KvrsAddNotifyCommands(app);
     KvrsAddStatsCommand(app);
     KvrsAddCheckCommand(app);
+    KvrsAddReapCommand(app);
     KvrsAddDemoCommands(app);
     app.footer("Exit status: 0 success, 1 node not found or change refused, 2 usage error.\n"
                "The tree is the one of namespace $KVRFRSVR_NAMESPACE (default: one per user).");

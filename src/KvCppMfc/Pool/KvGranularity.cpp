@@ -43,6 +43,10 @@ KvGranularity* KvGranularity::_GetGranularity(uint32_t iIndex)
     return _aogran + iIndex;
 }
 
+namespace {
+bool (*s_pfnReclaim)() = nullptr;
+}  // namespace
+
 void* KvGranularity::_Alloc(uint32_t n, KvGranularityMemoryWatcher* pWatcher)
 {
     if (pWatcher == nullptr)
@@ -56,7 +60,15 @@ void* KvGranularity::_Alloc(uint32_t n, KvGranularityMemoryWatcher* pWatcher)
         snprintf(sz, sizeof(sz), "KvGranularity::_Alloc(): no block size for a request of 0x%x bytes", n);
         KvGranThrow(sz);
     }
-    return _aogran[iIndex].Alloc(n, pWatcher);
+    KvGranularity& gran = _aogran[iIndex];
+    if (s_pfnReclaim != nullptr && gran.IsExhausted())
+        s_pfnReclaim();
+    return gran.Alloc(n, pWatcher);
+}
+
+void KvGranularity::_SetReclaimHook(bool (*pfnReclaim)())
+{
+    s_pfnReclaim = pfnReclaim;
 }
 
 void KvGranularity::_Free(void* pv, uint32_t n, KvGranularityMemoryWatcher* pWatcher)
@@ -150,6 +162,20 @@ void KvGranularity::Free(void* pv, KvGranularityMemoryWatcher* pWatcher)
 static uint64_t KvRoundUp(uint64_t v, uint64_t step)
 {
     return (v + step - 1) / step * step;
+}
+
+bool KvGranularity::IsExhausted() const
+{
+    if (_stSize == 0 || _pvBase == nullptr)
+        return false;
+    KvPoolLock lock;
+    if (_pchHead.IsNotNull())
+        return false;
+    // The room MemPrepare needs for one more chunk.
+    const uint64_t cbEnd = KvRoundUp(static_cast<uint64_t>(_poinf->_pchNextFree.Offset()) +
+                                         static_cast<uint64_t>(_cBlocksPerChunk) * _stSize,
+                                     4096);
+    return cbEnd > _stMax;
 }
 
 void KvGranularity::MemPrepare()

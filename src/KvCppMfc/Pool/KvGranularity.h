@@ -73,6 +73,14 @@ public:
     void* Alloc(uint32_t n, KvGranularityMemoryWatcher* pWatcher);
     void Free(void* pv, KvGranularityMemoryWatcher* pWatcher);
     void MemPrepare();
+    // True when this pool has no free block and the segment no room for a chunk.
+    bool IsExhausted() const;
+
+    // Called when an allocation is about to fail for lack of memory, outside the
+    // pool mutex: a layer above may give back what ended processes left (and
+    // returns true when it gave back anything); the allocation is then tried
+    // once more, and fails as before when that was not enough.
+    static void _SetReclaimHook(bool (*pfnReclaim)());
 
     // --- delete-function registry (per process) -----------------------------
     static int32_t _RegisterDeleteFunction(KvDeleteFunction pfn);

@@ -11,6 +11,7 @@
 
 #include "KvCppMfc/Platform/KvPlatform.h"
 #include "KvRsException.h"
+#include "KvRsReaper.h"
 
 // Run state of the library in this process.
 enum class KvRsState { Loaded, Running, Failed, Stopped };
@@ -23,6 +24,7 @@ inline bool KvRsIsRunning()
 // The global mutex "KVRFRSVR_GLOBAL_MUTEX" (recursive per thread, robust).
 void KvRsLockGlobal();
 void KvRsUnlockGlobal();
+bool KvRsGlobalOwned();  // by the calling thread
 
 // Reads without the global mutex (see KvNamedMutex::BeginRead): true from the
 // end call when the read counts as made under the mutex.
@@ -83,6 +85,10 @@ void KvRsFramed(int nLine, Body&& body)
         KvRsReportException(ex);
     else if (caught == KvRsCaught::Other)
         KvRsReportUnknown(nLine);
+    // Ended processes that a pool ran out for are reaped once the outermost
+    // call is done, when no operation is half-way through the tree.
+    if (g_fKvRsReapPending && t_cKvFaultFrames == 0)
+        KvRsReapPendingNow();
 }
 
 // The frame around a body that fills a result of type R. The result starts

@@ -14,6 +14,7 @@
 #include "KvCppMfc/Diag/KvDiag.h"
 #include "KvCppMfc/KvInitOrder.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
+#include "KvCppMfc/Pool/KvProcessTable.h"
 #include "KvRfrSvr.h"
 #include "KvRfrSvr/Internal/CRsModel.h"
 #include "KvRsFrame.h"
@@ -77,6 +78,16 @@ void KvRsReleaseRoot()
         KvGranularity::_SetRoot(nullptr, KVRS_ROOT_SLOT);
 }
 
+// Each step of the exit is recorded in the process's entry as it completes: a
+// process killed during its exit is finished by a reaper, and nothing is given
+// back twice.
+template <class Step>
+void KvRsExitStep(const char* pszStep, uint32_t dwDone, Step&& step)
+{
+    KvRsRunStep(pszStep, std::forward<Step>(step));
+    KvRsMarkExitStep(dwDone);
+}
+
 void KvRsAtExit()
 {
     if (g_eKvRsState != KvRsState::Running) {
@@ -85,9 +96,10 @@ void KvRsAtExit()
     }
     KvRsLockGlobal();
     g_eKvRsState = KvRsState::Stopped;  // from here on, calls return neutral results
-    KvRsRunStep("KvRfrSvr process detach", [] { KvRsDetachCleanUp(); });
-    KvRsRunStep("KvRfrSvr release of the root", [] { KvRsReleaseRoot(); });
-    KvRsRunStep("KvRfrSvr release of the default queue", [] { g_ptrThisPrcsQueue.RmvRef(); });
+    KvRsExitStep("KvRfrSvr process detach", KVPRC_DONE_DISCONNECTED, [] { KvRsDetachCleanUp(); });
+    KvRsExitStep("KvRfrSvr release of the root", KVPRC_DONE_ROOT, [] { KvRsReleaseRoot(); });
+    KvRsExitStep("KvRfrSvr release of the default queue", KVPRC_DONE_QUEUE, [] { g_ptrThisPrcsQueue.RmvRef(); });
+    KvRsRunStep("KvRfrSvr process table", [] { KvRsUnregisterThisProcess(); });
     KvRsRunStep("KvRfrSvr release of the segment", [] { KvGranularity::_FreeMem(); });
     s_mtxGlobal.Unlock();
     s_mtxGlobal.Close();
@@ -104,8 +116,12 @@ void KvRsAfterForkChild()
     if (g_eKvRsState != KvRsState::Running)
         return;
     g_ptrThisPrcsQueue.Detach();
+    KvRsForgetParentToken();
     KvRsGlobalLock lock;
-    KvRsRunStep("KvRfrSvr default queue of the fork child", [] { KvRsCreateDefaultQueue(); });
+    KvRsRunStep("KvRfrSvr default queue of the fork child", [] {
+        KvRsCreateDefaultQueue();
+        KvRsRegisterThisProcess();
+    });
 }
 
 void KvRsStartUpFailed(const char* pszWhy)
@@ -168,14 +184,19 @@ void KvRsStartUp()
         KvRsGlobalLock lock;  // another process may be starting at the same moment
         g_eKvRsState = KvRsState::Running;
         fOk = KvRsRunStep("KvRfrSvr start-up", [] {
+            // Ended processes first: a process given an ended one's pid never
+            // meets that one's connections.
+            KvRsReapAtStartUp();
             KvRsCreateRootIfMissing();
             KvRsCreateDefaultQueue();
+            KvRsRegisterThisProcess();
         });
     }
     if (!fOk) {
         KvRsDetachAfterFailure("the root node or the default queue could not be made");
         return;
     }
+    KvGranularity::_SetReclaimHook(&KvRsReclaimFromEndedProcesses);
     KvAtForkChild(&KvRsAfterForkChild);
     atexit(&KvRsAtExit);
 }
@@ -192,6 +213,11 @@ __attribute__((constructor(KV_INIT_STARTUP))) void KvRsLoadTimeStartUp()
 void KvRsLockGlobal()
 {
     s_mtxGlobal.Lock();
+}
+
+bool KvRsGlobalOwned()
+{
+    return s_mtxGlobal.IsOwned();
 }
 
 void KvRsUnlockGlobal()

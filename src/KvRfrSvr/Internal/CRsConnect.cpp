@@ -35,11 +35,22 @@ bool CRsConnect::Disconnect()
     return true;
 }
 
+void CRsConnect::DisconnectAll()
+{
+    m_cConnect = 1;
+    Disconnect();
+}
+
 bool CRsConnect::IsThisPrcs() const
 {
-    KV_RS_CHECK(m_ptrQueue.IsNotNull());
     const KvSmartPtr<CRsQueue>& ptrThis = g_ptrThisPrcsQueue;
-    return m_ptrQueue.IsNotNull() && ptrThis.IsNotNull() && m_ptrQueue->m_dwPrcsId == ptrThis->m_dwPrcsId;
+    return ptrThis.IsNotNull() && IsOfProcess(ptrThis->m_dwPrcsId);
+}
+
+bool CRsConnect::IsOfProcess(uint32_t dwPrcsId) const
+{
+    KV_RS_CHECK(m_ptrQueue.IsNotNull());
+    return m_ptrQueue.IsNotNull() && m_ptrQueue->m_dwPrcsId == dwPrcsId;
 }
 
 uint32_t CRsConnect::GetQueueProcessId() const

@@ -36,6 +36,9 @@ public:
     // Whether the queue belongs to this process, judged by the default queue's
     // process id.
     bool IsThisPrcs() const;
+    bool IsOfProcess(uint32_t dwPrcsId) const;  // its queue belongs to that process
+    // Undoes every connect at once (its process ended): the messages go.
+    void DisconnectAll();
     void Notify(const KvSmartPtr<CRsNode>& ptrNode, unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptrValue);
     void GetData(CRsConnectInfo* pBuf) const;
     // The queue's owner, 0 without a queue (the second half of the client key).

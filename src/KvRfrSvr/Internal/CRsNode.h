@@ -77,6 +77,9 @@ public:
     int32_t GetClientCount() const;
     void EnumClients(CRsConnectInfo* pInfo, long cMax) const;
     void DisconnectProcess(bool bRecursive);
+    // The same for another process, one that ended without its exit; returns
+    // how many of its connections left the tree.
+    uint32_t DisconnectProcessOf(uint32_t dwPrcsId, bool bRecursive);
 
     // --- notification ----------------------------------------------------------
     void NotifyServer(unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptrValue, bool bRecursive);
@@ -102,7 +105,9 @@ private:
     // refresh-info operation it calls.
     void NotifyWalk(unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptrValue, bool bRecursive, bool bClients,
                     uint32_t cDepth);
-    void DisconnectProcessWalk(bool bRecursive, uint32_t cDepth);
+    // dwPrcsId 0: this process's exit (CRsRefreshInfo::DisconnectProcess);
+    // otherwise the reaping of that ended process.
+    uint32_t DisconnectProcessWalk(uint32_t dwPrcsId, bool bRecursive);
     bool IsSelfOrAncestor(const CRsNode* pNode) const;
 };
 #pragma pack(pop)

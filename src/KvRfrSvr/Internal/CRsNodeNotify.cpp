@@ -135,25 +135,34 @@ void CRsNode::NotifyWalk(unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptrVal
 
 void CRsNode::DisconnectProcess(bool bRecursive)
 {
-    DisconnectProcessWalk(bRecursive, 0);
+    DisconnectProcessWalk(0, bRecursive);
+}
+
+uint32_t CRsNode::DisconnectProcessOf(uint32_t dwPrcsId, bool bRecursive)
+{
+    return DisconnectProcessWalk(dwPrcsId, bRecursive);
 }
 
 // References are not followed: every node is reached through its own parent, and
 // a node is never its own ancestor, so the walk ends; it keeps its own stack so
 // that no depth of tree can exhaust the thread's.
-void CRsNode::DisconnectProcessWalk(bool bRecursive, uint32_t)
+uint32_t CRsNode::DisconnectProcessWalk(uint32_t dwPrcsId, bool bRecursive)
 {
+    uint32_t cRemoved = 0;
     std::vector<CRsNode*> stack{this};
     std::vector<CRsNode*> children;
     while (!stack.empty()) {
         CRsNode* pNode = stack.back();
         stack.pop_back();
-        if (pNode->m_ptrRefreshInfo.IsNotNull())
-            pNode->m_ptrRefreshInfo->DisconnectProcess();
+        if (pNode->m_ptrRefreshInfo.IsNotNull() && dwPrcsId == 0)
+            pNode->m_ptrRefreshInfo->DisconnectProcess();  // this process's exit
+        else if (pNode->m_ptrRefreshInfo.IsNotNull())
+            cRemoved += pNode->m_ptrRefreshInfo->DisconnectProcessOf(dwPrcsId);
         if (!bRecursive || !pNode->IsParent() || pNode->m_ptrChildList.IsNull())
             continue;
         KvRsListChildren(pNode, &children);
         for (auto it = children.rbegin(); it != children.rend(); ++it)
             stack.push_back(*it);
     }
+    return cRemoved;
 }

@@ -118,6 +118,32 @@ void CRsRefreshInfo::DisconnectProcess()
     }
 }
 
+// Reaping an ended process: every client entry of its queues, wherever it lies
+// in the list, and its server leave, entries and connections destroyed, so
+// that its queues die with their last reference. (A process's own exit keeps
+// its narrower rule above.)
+uint32_t CRsRefreshInfo::DisconnectProcessOf(uint32_t dwPrcsId)
+{
+    uint32_t cRemoved = 0;
+    CRsConnectHln* pHln = m_lstClients.GetFirst();
+    while (pHln != nullptr) {
+        CRsConnectHln* pNext = pHln->GetNext();
+        if (pHln->m_ptr.IsNotNull() && pHln->m_ptr->GetQueueProcessId() == dwPrcsId) {
+            pHln->m_ptr->DisconnectAll();
+            m_lstClients.Remove(pHln);
+            KvDeleteShared(pHln);
+            ++cRemoved;
+        }
+        pHln = pNext;
+    }
+    if (m_ptrServer.IsNotNull() && m_ptrServer->GetQueueProcessId() == dwPrcsId) {
+        m_ptrServer->DisconnectAll();
+        m_ptrServer.RmvRef();
+        ++cRemoved;
+    }
+    return cRemoved;
+}
+
 void CRsRefreshInfo::NotifyServer(const KvSmartPtr<CRsNode>& ptrNode, unsigned long dwMsg,
                                   const KvSmartPtr<CRsValue>& ptrValue)
 {

@@ -34,6 +34,8 @@ public:
     void ConnectClient(void* pvTarget, unsigned long idTarget, const KvSmartPtr<CRsQueue>& ptrQueue);
     void DisconnectClient(void* pvTarget, unsigned long idTarget);
     void DisconnectProcess();
+    // The connections of the process dwPrcsId; returns how many left.
+    uint32_t DisconnectProcessOf(uint32_t dwPrcsId);
     void NotifyServer(const KvSmartPtr<CRsNode>& ptrNode, unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptrValue);
     void NotifyClients(const KvSmartPtr<CRsNode>& ptrNode, unsigned long dwMsg, const KvSmartPtr<CRsValue>& ptrValue);
     void GetServer(CRsConnectInfo* pInfo) const;

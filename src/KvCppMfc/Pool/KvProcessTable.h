@@ -1,0 +1,62 @@
+// KvProcessTable.h - the table of attached processes in the segment's header
+// zone: one entry per attachment (a fork child is a process of its own), with
+// what the process's exit would give back, so that another process can do it
+// on the behalf of a process that ended without its exit (killed, crashed, or
+// replaced by exec). Each entry's liveness is the process's liveness token
+// (KvLivenessToken), which the kernel drops at death.
+//
+// Entries are read and written under the global mutex only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "KvGranularity.h"
+
+// Where the table lies in the header zone, after the build fingerprint.
+constexpr uint32_t KVGRAN_PROCESS_TABLE_OFFSET = 0x1000;
+constexpr uint32_t KVGRAN_PROCESS_TABLE_SIZE = 1536;
+
+// State of an entry.
+enum : uint32_t {
+    KVPRC_FREE = 0,    // no process
+    KVPRC_LIVE = 1,    // attached; its token tells whether it still lives
+    KVPRC_ENDED = 2,   // found ended; being reaped (steps below record progress)
+};
+
+// Steps of reaping that are done (dwDone), so that a reaper that dies half-way
+// leaves the rest to the next one and nothing is given back twice.
+enum : uint32_t {
+    KVPRC_DONE_PURGED = 0x1,        // the default queue's messages were dropped early
+    KVPRC_DONE_DISCONNECTED = 0x2,  // its connections left the tree
+    KVPRC_DONE_ROOT = 0x4,          // the root reference its exit releases
+    KVPRC_DONE_QUEUE = 0x8,         // its default queue's reference
+    KVPRC_DONE_ATTACHMENT = 0x10,   // its count in the attachment count
+};
+
+#pragma pack(push, 1)
+struct KvProcessEntry {
+    uint32_t dwPid;
+    uint32_t dwState;          // KVPRC_...
+    uint64_t qwStartTime;      // with the pid, the name of its liveness token
+    uint32_t ofsDefaultQueue;  // its default queue (a counted reference of its own)
+    uint32_t dwDone;           // KVPRC_DONE_... while ended
+    uint32_t dwWake;           // reserved for waking the process
+    uint32_t dwReserved;
+};
+#pragma pack(pop)
+static_assert(sizeof(KvProcessEntry) == 32, "a process entry is 32 bytes");
+static_assert(offsetof(KvProcessEntry, qwStartTime) == 8, "");
+static_assert(offsetof(KvProcessEntry, ofsDefaultQueue) == 16, "");
+static_assert(KVGRAN_PROCESS_TABLE_OFFSET + KVGRAN_PROCESS_TABLE_SIZE * sizeof(KvProcessEntry) <= KVGRAN_HEADER_SIZE,
+              "the process table lies in the header zone");
+
+// The table of the attached segment; null when none is attached.
+KvProcessEntry* KvProcessTable();
+
+// Adds an entry for the process (state LIVE); null when the table is full.
+KvProcessEntry* KvProcessTableAdd(uint32_t dwPid, uint64_t qwStartTime, uint32_t ofsDefaultQueue);
+// The entry of that process, or null.
+KvProcessEntry* KvProcessTableFind(uint32_t dwPid, uint64_t qwStartTime);
+// Frees an entry.
+void KvProcessTableRemove(KvProcessEntry* pEntry);
