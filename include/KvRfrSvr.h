@@ -96,7 +96,12 @@
  *     will release, once, at its start:
  *         KvRsNodeProxy root = KvRsCreateNode("", 0, 0);
  *         KvRsAddRef(root.GetHandle(), root.GetId());
- *     A process killed by a signal runs no clean-up; its connections stay.
+ *     A process killed by a signal (or that calls exec) runs no clean-up;
+ *     another process does it on its behalf ("reaping": its connections,
+ *     the messages waiting for it, its root and default-queue references):
+ *     every process's start-up, any call whose allocation would otherwise
+ *     fail for lack of memory, `kvrs serve` every second and `kvrs reap`.
+ *     What its own proxies held stays held.
  *   - fork(): the child is a process of its own with its own default queue
  *     and its own clean-up at exit; it does not release what the parent
  *     holds.  Proxies copied into the child name the same objects but their

@@ -6,7 +6,7 @@
 # Exit status 0 when clean, 1 on any finding, 2 on a usage or set-up error.
 # CLANG_FORMAT, CLANG_TIDY and LINT_JOBS (default 2) override the defaults.
 set -uo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit 2
 root=$PWD
 clang_format=${CLANG_FORMAT:-clang-format}
 clang_tidy=${CLANG_TIDY:-clang-tidy}
@@ -106,6 +106,10 @@ run_tidy()
     while read -r f; do
         if grep -q -F "\"file\": \"$root/$f\"" "$db"; then files+=("$f"); else missing+=("$f"); fi
     done < <(find src tools -name '*.cpp' | sort)
+    if [ ${#files[@]} -eq 0 ]; then
+        echo "lint: no .cpp files under src/ and tools/" >&2
+        exit 2
+    fi
     if [ ${#missing[@]} -gt 0 ]; then
         echo "lint: not in $db (not configured there?):" >&2
         printf '  %s\n' "${missing[@]}" >&2
@@ -114,6 +118,7 @@ run_tidy()
 
     # One clang-tidy per file, each writing a file of its own so that parallel
     # runs do not interleave their output.
+    # shellcheck disable=SC2016  # expanded by the inner shell
     printf '%s\n' "${files[@]}" | xargs -P "$jobs" -I{} sh -c \
         'out="$2/$(echo "$1" | tr / _).out"; "$0" --quiet -p "$3" --extra-arg=-Wno-unknown-warning-option "$1" >"$out" 2>&1 || echo "$1" >>"$out.failed"' \
         "$clang_tidy" {} "$tmp" "$tmp/db"

@@ -150,3 +150,22 @@ TEST(KvReap, AKilledForkChildIsReapedOnItsOwn)
     EXPECT_TRUE(KvTreeIsConsistent());
     KvRsDisconnectClient(n.GetHandle(), n.GetId(), Target(5), 5);
 }
+
+// A namespace whose every process was killed leaves its objects in /dev/shm
+// only until some process of the same user starts, in whatever namespace.
+TEST(KvReap, AKilledNamespaceIsRemovedByTheNextStartUp)
+{
+    const std::string strOwn = getenv("KVRFRSVR_NAMESPACE");
+    KvTestUseFreshNamespace();
+    const pid_t pid = KvTestSpawn("Listener", {"gone.n", "sync.gone"});
+    for (int i = 0; i < 5000 && KvTestNamespaceObjects().size() < 4; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    ASSERT_GE(KvTestNamespaceObjects().size(), 4u) << "the namespace is in use";
+    KillAndWait(pid);  // any start-up from here on, of any test running beside, removes it
+    const std::string strGone = getenv("KVRFRSVR_NAMESPACE");
+    setenv("KVRFRSVR_NAMESPACE", strOwn.c_str(), 1);
+    EXPECT_EQ(0, KvRunKvrs({"reap"}).iStatus);
+    setenv("KVRFRSVR_NAMESPACE", strGone.c_str(), 1);
+    EXPECT_EQ(std::vector<std::string>(), KvTestNamespaceObjects());
+    setenv("KVRFRSVR_NAMESPACE", strOwn.c_str(), 1);
+}

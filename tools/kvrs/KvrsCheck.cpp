@@ -11,6 +11,7 @@
 
 #include "KvCppMfc/Platform/KvPlatform.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
+#include "KvRfrSvr/Export/KvRsReaper.h"
 #include "KvRfrSvr/Internal/CRsCheck.h"
 #include "KvrsCommands.h"
 #include "KvrsCommon.h"
@@ -64,7 +65,7 @@ private:
     KvNamedMutex m_mtx;
 };
 
-void PrintNotes(const CRsCheckCensus& census)
+void PrintNotes(const CRsCheckCensus& census, const std::vector<KvProcessKey>& vEnded)
 {
     for (uint32_t i = 1; i < KVGRAN_COUNT; ++i)
         if (census.m_acInUse[i] != census.m_acReachable[i])
@@ -72,6 +73,8 @@ void PrintNotes(const CRsCheckCensus& census)
                    "or lost)\n",
                    KvGranularity::_agranTemplate[i]._stSize, static_cast<unsigned long long>(census.m_acInUse[i]),
                    static_cast<unsigned long long>(census.m_acReachable[i]));
+    for (const KvProcessKey& key : vEnded)
+        printf("note: process %u ended without its exit and is not reaped yet (kvrs reap)\n", key.dwPid);
     for (const CRsQueueUse& use : CRsQueuesOfEndedProcesses(census))
         printf("note: queue \"%s\" (%s) of ended process %u holds %d messages\n", use.m_strName.c_str(),
                KvHexOffset(use.m_ofs).c_str(), use.m_dwPrcsId, use.m_cMsgs);
@@ -81,15 +84,17 @@ void RunCheck(bool bQuiet)
 {
     KvCheckReport report;
     auto pCensus = std::make_unique<CRsCheckCensus>();
+    std::vector<KvProcessKey> vEnded;
     {
         Attachment attachment;
         GlobalLock lock;
         CRsCheckSegment(report, pCensus.get());
+        vEnded = KvRsEndedProcesses();
     }
     for (const std::string& str : report.Problems())
         printf("problem: %s\n", str.c_str());
     if (!bQuiet) {
-        PrintNotes(*pCensus);
+        PrintNotes(*pCensus, vEnded);
         printf("reached %u nodes, %u values, %u connections, %u queues, %u messages (%u blocks)\n", pCensus->m_cNodes,
                pCensus->m_cValues, pCensus->m_cConnects, pCensus->m_cQueues, pCensus->m_cMsgs, pCensus->m_cBlocks);
     }

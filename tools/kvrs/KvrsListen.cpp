@@ -23,6 +23,7 @@ struct NotifyOptions {
     bool m_bServer = false;
     bool m_bRecursive = false;
     bool m_bFront = false;
+    long m_cRepeat = 1;  // --repeat: notifications sent, as a load for measuring
 };
 
 void RunNotify(const NotifyOptions& opt)
@@ -39,11 +40,13 @@ void RunNotify(const NotifyOptions& opt)
     KvRsValueProxy value;
     if (opt.m_bValue)
         value = KvrsMakeValue(0, ab);
-    if (opt.m_bServer)
-        KvRsNotifyNodeServer(node.GetHandle(), node.GetId(), dwNumber, value.GetHandle(), value.GetId());
-    else
-        KvRsNotifyNodeClients(node.GetHandle(), node.GetId(), dwNumber, value.GetHandle(), value.GetId(),
-                              opt.m_bRecursive);
+    for (long i = 0; i < opt.m_cRepeat && !KvrsStopRequested(); ++i) {
+        if (opt.m_bServer)
+            KvRsNotifyNodeServer(node.GetHandle(), node.GetId(), dwNumber, value.GetHandle(), value.GetId());
+        else
+            KvRsNotifyNodeClients(node.GetHandle(), node.GetId(), dwNumber, value.GetHandle(), value.GetId(),
+                                  opt.m_bRecursive);
+    }
 }
 
 // --- listen ------------------------------------------------------------------
@@ -217,7 +220,12 @@ void AddNotify(CLI::App& app)
     sub->add_flag("--server", opt->m_bServer, "Notify the node's server instead of its clients");
     sub->add_flag("--recursive", opt->m_bRecursive, "Also notify the clients of every descendant");
     sub->add_flag("--front", opt->m_bFront, "Put the messages at the front of the queues (bit 0x10000)");
-    sub->callback([opt] { RunNotify(*opt); });
+    sub->add_option("--repeat", opt->m_cRepeat, "Send the notification N times (a load for measuring)")
+        ->check(CLI::Range(1L, 1000000000L));
+    sub->callback([opt] {
+        KvrsInstallStopHandlers();
+        RunNotify(*opt);
+    });
 }
 
 void AddListen(CLI::App& app)

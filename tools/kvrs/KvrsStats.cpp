@@ -11,6 +11,7 @@
 #include "KvCppMfc/Platform/KvPlatform.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvCppMfc/Pool/KvMemoryWatcher.h"
+#include "KvRfrSvr/Export/KvRsReaper.h"
 #include "KvRfrSvr/Internal/CRsCheck.h"
 #include "KvrsCommands.h"
 #include "KvrsCommon.h"
@@ -33,6 +34,8 @@ struct SegmentUse {
     // Queues that connections still lead to although their process has ended
     // (killed, so it never detached), and how many broken invariants the walk met.
     std::vector<CRsQueueUse> m_vEndedQueues;
+    // Processes whose liveness token is gone but that are not reaped yet.
+    std::vector<KvProcessKey> m_vEndedProcesses;
     size_t m_cProblems = 0;
 };
 
@@ -79,6 +82,7 @@ SegmentUse ReadSegmentUse()
     auto pCensus = std::make_unique<CRsCheckCensus>();
     CRsCheckSegment(report, pCensus.get());
     use.m_vEndedQueues = CRsQueuesOfEndedProcesses(*pCensus);
+    use.m_vEndedProcesses = KvRsEndedProcesses();
     use.m_cProblems = report.Problems().size();
     return use;
 }
@@ -98,6 +102,10 @@ void PrintText(const SegmentUse& use)
     for (const CRsQueueUse& q : use.m_vEndedQueues)
         printf("  \"%s\" (%s) of process %u: %d messages waiting\n", q.m_strName.c_str(), KvHexOffset(q.m_ofs).c_str(),
                q.m_dwPrcsId, q.m_cMsgs);
+    printf("ended processes not reaped yet:%s\n", use.m_vEndedProcesses.empty() ? " none" : "");
+    for (const KvProcessKey& key : use.m_vEndedProcesses)
+        printf("  process %u (started at tick %llu): kvrs reap gives back what it left\n", key.dwPid,
+               static_cast<unsigned long long>(key.qwStartTime));
     if (use.m_cProblems != 0)
         printf("\nthe tree has %zu consistency problems (see kvrs check)\n", use.m_cProblems);
 }
@@ -118,6 +126,10 @@ void PrintJson(const SegmentUse& use)
         printf("%s{\"queue\":%u,\"name\":%s,\"process\":%u,\"messages\":%d}", i ? "," : "", q.m_ofs,
                KvrsJsonString(q.m_strName).c_str(), q.m_dwPrcsId, q.m_cMsgs);
     }
+    printf("],\"endedProcesses\":[");
+    for (size_t i = 0; i < use.m_vEndedProcesses.size(); ++i)
+        printf("%s{\"process\":%u,\"startTime\":%llu}", i ? "," : "", use.m_vEndedProcesses[i].dwPid,
+               static_cast<unsigned long long>(use.m_vEndedProcesses[i].qwStartTime));
     printf("],\"problems\":%zu}\n", use.m_cProblems);
 }
 

@@ -7,6 +7,8 @@
 //   KvProcess.h        process and thread ids, clocks, fork, standard error
 //   KvFault.h          hardware faults as exceptions, fault-safe copies
 //   KvFile.h           the debug file's calls
+//   KvLivenessToken.h  the token that tells other processes this one lives
+//   KvStaleNamespaces.h  removing what killed namespaces left in /dev/shm
 // This header includes them all, for code that uses several.
 //
 // Everything above this layer is platform neutral. Named objects are POSIX
@@ -21,3 +23,4 @@
 #include "KvPlatformNames.h"
 #include "KvProcess.h"
 #include "KvShmObject.h"
+#include "KvStaleNamespaces.h"

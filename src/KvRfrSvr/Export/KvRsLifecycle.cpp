@@ -14,6 +14,7 @@
 #include "KvCppMfc/Diag/KvDiag.h"
 #include "KvCppMfc/KvInitOrder.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
+#include "KvCppMfc/Platform/KvStaleNamespaces.h"
 #include "KvCppMfc/Pool/KvProcessTable.h"
 #include "KvRfrSvr.h"
 #include "KvRfrSvr/Internal/CRsModel.h"
@@ -175,6 +176,7 @@ void KvRsStartUp()
         KvRsStartUpFailed(("a mutex whose owner dies could not be recovered: " + strWhy).c_str());
         return;
     }
+    KvRemoveStaleNamespaces();  // what killed namespaces of this user left in /dev/shm
     if (!KvRsAttach() || !KvRsOpenGlobalMutex())
         return;
     const std::string strDebug = KvApplicationPath() + ".KvRfrSvr.err";
