@@ -169,3 +169,44 @@ TEST(KvReap, AKilledNamespaceIsRemovedByTheNextStartUp)
     EXPECT_EQ(std::vector<std::string>(), KvTestNamespaceObjects());
     setenv("KVRFRSVR_NAMESPACE", strOwn.c_str(), 1);
 }
+
+namespace {
+// Starts a Listener that the kernel gives pid dwPid (through ns_last_pid, which
+// needs root); -1 when that could not be arranged.
+pid_t StartListenerWithPid(pid_t pidWanted, const char* pszPath, const std::string& strMarker)
+{
+    for (int iTry = 0; iTry < 20; ++iTry) {
+        FILE* pf = fopen("/proc/sys/kernel/ns_last_pid", "w");
+        if (pf == nullptr)
+            return -1;
+        fprintf(pf, "%d", pidWanted - 1);
+        fclose(pf);
+        const pid_t pid = KvTestSpawn("Listener", {pszPath, strMarker});
+        if (pid == pidWanted) {
+            EXPECT_TRUE(WaitForNode(strMarker));
+            return pid;
+        }
+        KillAndWait(pid);
+    }
+    return -1;
+}
+}  // namespace
+
+// A process given a killed one's pid keeps everything of its own: its start-up
+// reaps the predecessor first, and no later reap takes the newcomer for it.
+TEST(KvReap, APidReusedByANewProcessKeepsTheNewProcesssEntries)
+{
+    const pid_t pid = StartListener("reuse.n", "sync.reuse.a");
+    KillAndWait(pid);
+    const pid_t pidNew = StartListenerWithPid(pid, "reuse.n", "sync.reuse.b");
+    if (pidNew < 0)
+        GTEST_SKIP() << "the kernel's next pid cannot be set here (ns_last_pid needs root)";
+    EXPECT_EQ(2, ClientCount("reuse.n")) << "the new process's clients; the predecessor's are gone";
+    const KvKvrsRun run = KvRunKvrs({"reap"});
+    EXPECT_EQ(std::string::npos, run.strOut.find("reaped process " + std::to_string(pid) + ":")) << run.strOut;
+    EXPECT_EQ(2, ClientCount("reuse.n"));
+    KillAndWait(pidNew);
+    EXPECT_NE(std::string::npos, KvRunKvrs({"reap"}).strOut.find("reaped process " + std::to_string(pid) + ": 3"));
+    EXPECT_EQ(0, ClientCount("reuse.n"));
+    EXPECT_TRUE(KvTreeIsConsistent());
+}
