@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "KvCppMfc/Platform/KvPlatform.h"
+#include "KvRfrSvrWait.h"
 #include "KvrsCommands.h"
 #include "KvrsCommon.h"
 
@@ -130,26 +131,8 @@ void Echo(const KvRsMsgProxy& msg)
                              value.GetHandle(), value.GetId());
 }
 
-// Poll interval: short while messages flow (and for a while after the last
-// one), then doubling up to a cap, so that an idle listener wakes up only a few
-// dozen times a second and costs no measurable CPU.
-class PollPacer {
-public:
-    void OnMessage(int64_t tNow) { m_tLast = tNow, m_cusSleep = kcusFast; }
-    void Wait(int64_t tNow)
-    {
-        if (tNow - m_tLast > kcusHold)
-            m_cusSleep = std::min<int64_t>(m_cusSleep * 2, kcusIdleMax);
-        KvrsSleepMicros(m_cusSleep);
-    }
-
-private:
-    static constexpr int64_t kcusFast = 200;
-    static constexpr int64_t kcusHold = 500000;
-    static constexpr int64_t kcusIdleMax = 20000;
-    int64_t m_tLast = 0;
-    int64_t m_cusSleep = kcusFast;
-};
+// Longest single sleep of an idle listener: five wake-ups a second.
+constexpr long kcmsSlice = 200;
 
 void RunListen(const ListenOptions& opt)
 {
@@ -166,17 +149,20 @@ void RunListen(const ListenOptions& opt)
 
     const int64_t tEnd = opt.m_dTimeout >= 0 ? KvrsNowMicros() + static_cast<int64_t>(opt.m_dTimeout * 1e6) : -1;
     long cReceived = 0, cEchoed = 0;
-    PollPacer pacer;
     while (!KvrsStopRequested() && (opt.m_cMax < 0 || cReceived < opt.m_cMax)) {
         const int64_t tNow = KvrsNowMicros();
         if (tEnd >= 0 && tNow >= tEnd)
             break;
         KvRsMsgProxy msg = KvRsGetMsg();
         if (msg.IsNull()) {
-            pacer.Wait(tNow);
+            // Sleeps until a message comes or the time is up. A stop signal
+            // (installed without SA_RESTART) ends the wait, unless it came just
+            // before the sleep began: the slices bound how long that can delay
+            // the stop.
+            const long cmsLeft = tEnd >= 0 ? static_cast<long>((tEnd - tNow + 999) / 1000) : kcmsSlice;
+            KvRsWaitMsg(nullptr, 0, std::min(cmsLeft, kcmsSlice));
             continue;
         }
-        pacer.OnMessage(tNow);
         ++cReceived;
         PrintMessage(msg, opt);
         if (opt.m_bEcho) {

@@ -1,6 +1,8 @@
 // KvProcessTable.cpp - see KvProcessTable.h.
 #include "KvProcessTable.h"
 
+#include "../Platform/KvWaitWord.h"
+
 KvProcessEntry* KvProcessTable()
 {
     if (KvGranularity::_pvBase == nullptr || KvGranularity::_poinf == nullptr)
@@ -8,23 +10,46 @@ KvProcessEntry* KvProcessTable()
     return reinterpret_cast<KvProcessEntry*>(KvGranularity::_pvBase + KVGRAN_PROCESS_TABLE_OFFSET);
 }
 
+namespace {
+KvProcessTableInfo* KvTableInfo()
+{
+    return reinterpret_cast<KvProcessTableInfo*>(KvGranularity::_pvBase + KVGRAN_PROCESS_TABLE_INFO_OFFSET);
+}
+}  // namespace
+
 KvProcessEntry* KvProcessTableAdd(uint32_t dwPid, uint64_t qwStartTime, uint32_t ofsDefaultQueue)
 {
     KvProcessEntry* pTable = KvProcessTable();
     if (pTable == nullptr)
         return nullptr;
-    for (uint32_t i = 0; i < KVGRAN_PROCESS_TABLE_SIZE; ++i) {
-        KvProcessEntry& e = pTable[i];
+    for (uint32_t d = 0; d < KVGRAN_PROCESS_TABLE_SIZE; ++d) {
+        KvProcessEntry& e = pTable[(dwPid + d) % KVGRAN_PROCESS_TABLE_SIZE];
         if (e.dwState != KVPRC_FREE)
             continue;
+        KvProcessTableInfo* pInfo = KvTableInfo();
+        if (d > pInfo->cMaxProbe)
+            pInfo->cMaxProbe = d;
         e.qwStartTime = qwStartTime;
         e.ofsDefaultQueue = ofsDefaultQueue;
         e.dwDone = 0;
-        e.dwWake = 0;
-        e.dwReserved = 0;
+        e.cWaiters = 0;
         e.dwPid = dwPid;
         e.dwState = KVPRC_LIVE;  // last: a reaper never sees a half-made entry
         return &e;
+    }
+    return nullptr;
+}
+
+KvProcessEntry* KvProcessTableFindPid(uint32_t dwPid)
+{
+    KvProcessEntry* pTable = KvProcessTable();
+    if (pTable == nullptr)
+        return nullptr;
+    const uint32_t cMaxProbe = KvTableInfo()->cMaxProbe;
+    for (uint32_t d = 0; d <= cMaxProbe && d < KVGRAN_PROCESS_TABLE_SIZE; ++d) {
+        KvProcessEntry* p = &pTable[(dwPid + d) % KVGRAN_PROCESS_TABLE_SIZE];
+        if (p->dwPid == dwPid && p->dwState == KVPRC_LIVE)
+            return p;
     }
     return nullptr;
 }
@@ -47,4 +72,15 @@ void KvProcessTableRemove(KvProcessEntry* pEntry)
     pEntry->qwStartTime = 0;
     pEntry->ofsDefaultQueue = 0;
     pEntry->dwDone = 0;
+    // dwWake is left as it is: a sleeper that still holds the word (a thread of
+    // a process that is being reaped) sees it move on, never a reset.
+}
+
+void KvProcessTableWake(uint32_t dwPid)
+{
+    KvProcessEntry* p = KvProcessTableFindPid(dwPid);
+    if (p == nullptr || __atomic_load_n(&p->cWaiters, __ATOMIC_SEQ_CST) == 0)
+        return;
+    __atomic_add_fetch(&p->dwWake, 1, __ATOMIC_SEQ_CST);
+    KvWaitWordWakeAll(&p->dwWake);
 }

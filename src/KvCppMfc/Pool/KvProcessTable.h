@@ -41,8 +41,8 @@ struct KvProcessEntry {
     uint64_t qwStartTime;      // with the pid, the name of its liveness token
     uint32_t ofsDefaultQueue;  // its default queue (a counted reference of its own)
     uint32_t dwDone;           // KVPRC_DONE_... while ended
-    uint32_t dwWake;           // reserved for waking the process
-    uint32_t dwReserved;
+    uint32_t dwWake;           // futex word: moves on when a message is put into its queues
+    uint32_t cWaiters;         // its threads (and its descriptor's thread) asleep on dwWake
 };
 #pragma pack(pop)
 static_assert(sizeof(KvProcessEntry) == 32, "a process entry is 32 bytes");
@@ -51,12 +51,25 @@ static_assert(offsetof(KvProcessEntry, ofsDefaultQueue) == 16, "");
 static_assert(KVGRAN_PROCESS_TABLE_OFFSET + KVGRAN_PROCESS_TABLE_SIZE * sizeof(KvProcessEntry) <= KVGRAN_HEADER_SIZE,
               "the process table lies in the header zone");
 
+// An entry lies at its pid's home slot or up to cMaxProbe slots after it, so
+// that a notifier finds the receiver's entry in one or two loads.
+struct KvProcessTableInfo {
+    uint32_t cMaxProbe;  // longest distance from home slot to entry ever used
+};
+constexpr uint32_t KVGRAN_PROCESS_TABLE_INFO_OFFSET = KVGRAN_PROCESS_TABLE_OFFSET - 0x100;
+
 // The table of the attached segment; null when none is attached.
 KvProcessEntry* KvProcessTable();
+// The live entry of that pid (any start time), or null; a few loads.
+KvProcessEntry* KvProcessTableFindPid(uint32_t dwPid);
 
 // Adds an entry for the process (state LIVE); null when the table is full.
 KvProcessEntry* KvProcessTableAdd(uint32_t dwPid, uint64_t qwStartTime, uint32_t ofsDefaultQueue);
 // The entry of that process, or null.
 KvProcessEntry* KvProcessTableFind(uint32_t dwPid, uint64_t qwStartTime);
+// After a message was put into a queue of process dwPid: wakes its sleeping
+// threads. A process with none asleep costs the notifier a probe and a load.
+void KvProcessTableWake(uint32_t dwPid);
+
 // Frees an entry.
 void KvProcessTableRemove(KvProcessEntry* pEntry);

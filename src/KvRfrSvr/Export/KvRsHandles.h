@@ -70,6 +70,11 @@ inline const char* KvRsTextOrNull(const char* psz)
     return psz;
 }
 
+// The queue's message count read without the global mutex when nobody holds
+// it (see KvRsGetMsgCount); false when it must be read under the mutex.
+class CRsQueue;
+bool KvRsPollQueue(const CRsQueue* pQueue, long* pc);
+
 // Library side of the proxies: counts are changed directly, since this runs
 // inside an exported call that already holds the global mutex.
 struct KvRsProxyAccess {

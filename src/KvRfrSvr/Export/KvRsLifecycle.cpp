@@ -95,6 +95,7 @@ void KvRsAtExit()
         g_eKvRsState = KvRsState::Stopped;
         return;
     }
+    KvRsStopWaitFd();
     KvRsLockGlobal();
     g_eKvRsState = KvRsState::Stopped;  // from here on, calls return neutral results
     KvRsExitStep("KvRfrSvr process detach", KVPRC_DONE_DISCONNECTED, [] { KvRsDetachCleanUp(); });
@@ -118,6 +119,7 @@ void KvRsAfterForkChild()
         return;
     g_ptrThisPrcsQueue.Detach();
     KvRsForgetParentToken();
+    KvRsForgetWaitFd();
     KvRsGlobalLock lock;
     KvRsRunStep("KvRfrSvr default queue of the fork child", [] {
         KvRsCreateDefaultQueue();

@@ -81,17 +81,15 @@ KvRsQueueProxy KvRsCreateQueue(const char* name)
     });
 }
 
-namespace {
 // Pollers call KvRsGetMsgCount in a loop. A count read while no other thread
 // holds the global mutex is the count that the call would read under it, so a
 // poll that finds the mutex free reads without taking it: the poller then never
 // writes the mutex's cache line and never delays the notifier it waits for.
 // False when the mutex was held meanwhile (or anything looks wrong): the frame
 // then reads under the mutex.
-bool KvRsPollDefaultQueue(long* pc)
+bool KvRsPollQueue(const CRsQueue* pQueue, long* pc)
 {
-    const CRsQueue* pQueue = g_ptrThisPrcsQueue.Get();
-    if (!KvRsIsRunning() || pQueue == nullptr)
+    if (!KvRsIsRunning() || pQueue == nullptr || !KvGranularity::_IsPointerInComittedRange(pQueue))
         return false;
     const uint32_t dwSeq = KvRsBeginUnlockedRead();
     const CRsMsgList* pList = pQueue->m_ptrMsgList.Get();
@@ -103,12 +101,11 @@ bool KvRsPollDefaultQueue(long* pc)
     *pc = c;
     return true;
 }
-}  // namespace
 
 long KvRsGetMsgCount(void)
 {
     long c = 0;
-    if (KvRsPollDefaultQueue(&c))
+    if (KvRsPollQueue(g_ptrThisPrcsQueue.Get(), &c))
         return c;
     return KvRsFramedResult<long>(__LINE__, [&](long& cResult) { cResult = KvRsUse(g_ptrThisPrcsQueue)->GetMsgCount(); });
 }

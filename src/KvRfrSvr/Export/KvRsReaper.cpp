@@ -168,6 +168,11 @@ void KvRsUnregisterThisProcess()
     s_token.Drop();
 }
 
+KvProcessEntry* KvRsOwnEntry()
+{
+    return s_pOwnEntry;
+}
+
 void KvRsForgetParentToken()
 {
     s_token.ForgetAfterFork();

@@ -44,6 +44,15 @@ bool KvRsRegisterThisProcess();
 // reaper without anything given back twice; then the entry and the token go.
 void KvRsMarkExitStep(uint32_t dwDone);
 void KvRsUnregisterThisProcess();
+// This process's entry in the process table, or null when it has none.
+struct KvProcessEntry;
+KvProcessEntry* KvRsOwnEntry();
+
+// The descriptor of KvRsGetWaitFd: its thread stops at exit, before the
+// segment goes; a fork child forgets the parent's.
+void KvRsStopWaitFd();
+void KvRsForgetWaitFd();
+
 // In a fork child, before it registers: the inherited token is the parent's.
 void KvRsForgetParentToken();
 

@@ -5,6 +5,7 @@
 
 #include "CRsMsgList.h"
 #include "KvCppMfc/Platform/KvPlatform.h"
+#include "KvCppMfc/Pool/KvProcessTable.h"
 
 CRsQueue::CRsQueue() : m_dwPrcsId(KvGetCurrentProcessId())
 {
@@ -25,14 +26,18 @@ int32_t CRsQueue::GetMsgCount() const
     return m_ptrMsgList.IsNotNull() ? m_ptrMsgList->m_lst.GetCount() : 0;
 }
 
+// A receiver asleep in KvRsWaitMsg (or on its descriptor) is woken; one that
+// is not costs a probe of the process table and a load.
 void CRsQueue::AddMsgFiFo(const KvSmartPtr<CRsMsg>& ptrMsg)
 {
     m_ptrMsgList->m_lst.AddLast(ptrMsg);
+    KvProcessTableWake(m_dwPrcsId);
 }
 
 void CRsQueue::AddMsgLiFo(const KvSmartPtr<CRsMsg>& ptrMsg)
 {
     m_ptrMsgList->m_lst.AddFirst(ptrMsg);
+    KvProcessTableWake(m_dwPrcsId);
 }
 
 KvSmartPtr<CRsMsg> CRsQueue::GetMsg()

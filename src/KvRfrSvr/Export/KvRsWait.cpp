@@ -1,0 +1,213 @@
+// KvRsWait.cpp - KvRsWaitMsg and KvRsGetWaitFd (KvRfrSvrWait.h).
+//
+// Every process has a wake word in its entry of the process table. A notifier
+// that puts a message into one of the process's queues moves the word on and
+// wakes its sleepers, but only when the entry counts a sleeper (cWaiters), so
+// that a receiver that polls costs the notifier one load. A waiter announces
+// itself, looks at its queue once more, and sleeps on the word it read before
+// announcing: a message put in between moved the word, and the sleep returns
+// at once.
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "KvCppMfc/KvInitOrder.h"
+#include "KvCppMfc/Platform/KvProcess.h"
+#include "KvCppMfc/Platform/KvWaitWord.h"
+#include "KvCppMfc/Pool/KvProcessTable.h"
+#include "KvRfrSvr/Internal/CRsModel.h"
+#include "KvRfrSvrWait.h"
+#include "KvRsHandles.h"
+
+namespace {
+
+constexpr uint32_t kcSpinMin = 50;
+constexpr uint32_t kcSpinMax = 4000;
+uint32_t s_cSpinEstimate = 200;  // spins that recently sufficed (adapts, racy by design)
+
+inline void KvRsCpuRelax()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
+// The queue a wait is for: the default queue for a null handle.
+const CRsQueue* KvRsWaitQueue(void* hQueue)
+{
+    if (hQueue == nullptr)
+        return g_ptrThisPrcsQueue.Get();
+    return static_cast<const CRsQueue*>(KvGranularity::_CalcPtr(KvRsHandleOffset(hQueue)));
+}
+
+long KvRsCountOf(void* hQueue, unsigned long idQueue, const CRsQueue* pQueue)
+{
+    long c = 0;
+    if (KvRsPollQueue(pQueue, &c))
+        return c;
+    return hQueue == nullptr ? KvRsGetMsgCount() : KvRsGetQueueMsgCount(hQueue, idQueue);
+}
+
+// Spins on reads for a while; the count, or 0 when none came.
+long KvRsSpin(void* hQueue, unsigned long idQueue, const CRsQueue* pQueue)
+{
+    const uint32_t cLimit = __atomic_load_n(&s_cSpinEstimate, __ATOMIC_RELAXED) * 2 + kcSpinMin;
+    for (uint32_t i = 0; i < cLimit && i < kcSpinMax; ++i) {
+        KvRsCpuRelax();
+        long c = 0;
+        if (KvRsPollQueue(pQueue, &c) ? c > 0 : (c = KvRsCountOf(hQueue, idQueue, pQueue)) > 0) {
+            __atomic_store_n(&s_cSpinEstimate, (s_cSpinEstimate + i) / 2, __ATOMIC_RELAXED);
+            return c;
+        }
+    }
+    __atomic_store_n(&s_cSpinEstimate, (s_cSpinEstimate + kcSpinMax) / 2, __ATOMIC_RELAXED);
+    return 0;
+}
+
+long KvRsMillisLeft(std::chrono::steady_clock::time_point tEnd)
+{
+    const auto d = std::chrono::duration_cast<std::chrono::milliseconds>(tEnd - std::chrono::steady_clock::now());
+    return d.count() > 0 ? static_cast<long>(d.count()) : 0;
+}
+
+}  // namespace
+
+long KvRsWaitMsg(void* hQueue, unsigned long idQueue, long msTimeout)
+{
+    if (!KvRsIsRunning())
+        return 0;
+    const CRsQueue* pQueue = KvRsWaitQueue(hQueue);
+    long c = KvRsCountOf(hQueue, idQueue, pQueue);
+    if (c > 0 || msTimeout == 0)
+        return c > 0 ? c : 0;
+    if ((c = KvRsSpin(hQueue, idQueue, pQueue)) > 0)
+        return c;
+    const auto tEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(msTimeout > 0 ? msTimeout : 0);
+    KvProcessEntry* pEntry = KvRsOwnEntry();
+    for (;;) {
+        long cmsSleep = msTimeout < 0 ? -1 : KvRsMillisLeft(tEnd);
+        if (msTimeout > 0 && cmsSleep == 0)
+            return KvRsCountOf(hQueue, idQueue, pQueue);
+        if (pEntry == nullptr) {
+            cmsSleep = cmsSleep < 0 || cmsSleep > 1 ? 1 : cmsSleep;  // not wakeable: poll
+            std::this_thread::sleep_for(std::chrono::milliseconds(cmsSleep));
+        } else {
+            const uint32_t dwSeen = __atomic_load_n(&pEntry->dwWake, __ATOMIC_SEQ_CST);
+            __atomic_add_fetch(&pEntry->cWaiters, 1, __ATOMIC_SEQ_CST);
+            int rc = 0;
+            if ((c = KvRsCountOf(hQueue, idQueue, pQueue)) == 0)
+                rc = KvWaitWordSleep(&pEntry->dwWake, dwSeen, cmsSleep);
+            __atomic_sub_fetch(&pEntry->cWaiters, 1, __ATOMIC_SEQ_CST);
+            if (c > 0)
+                return c;
+            if (rc == EINTR)
+                return -1;
+        }
+        if ((c = KvRsCountOf(hQueue, idQueue, pQueue)) > 0)
+            return c;
+    }
+}
+
+// --- the descriptor ------------------------------------------------------------
+
+namespace {
+
+// The descriptor and the thread that sleeps on the wake word for it: the
+// thread stays counted as a sleeper while it lives, so that no message between
+// two of its sleeps goes unannounced.
+struct KvRsWaitFd {
+    int fd = -1;
+    std::thread* pThread = nullptr;  // never destroyed while the process runs
+    bool fStop = false;
+};
+
+KvRsWaitFd& KvRsFd()
+{
+    static KvRsWaitFd* s_p = new KvRsWaitFd;
+    return *s_p;
+}
+
+void KvRsFdThread(KvProcessEntry* pEntry, int fd)
+{
+    uint32_t dwSeen = __atomic_load_n(&pEntry->dwWake, __ATOMIC_SEQ_CST);
+    while (!__atomic_load_n(&KvRsFd().fStop, __ATOMIC_SEQ_CST)) {
+        KvWaitWordSleep(&pEntry->dwWake, dwSeen, -1);
+        const uint32_t dwNow = __atomic_load_n(&pEntry->dwWake, __ATOMIC_SEQ_CST);
+        if (dwNow != dwSeen && !__atomic_load_n(&KvRsFd().fStop, __ATOMIC_SEQ_CST)) {
+            const uint64_t u = 1;
+            ssize_t cb = write(fd, &u, sizeof(u));
+            (void)cb;  // a full counter is readable already
+        }
+        dwSeen = dwNow;
+    }
+}
+
+void KvRsFdFail(const char* pszWhy)
+{
+    char sz[300];
+    snprintf(sz, sizeof(sz), "KvRfrSvr.dll: KvRsGetWaitFd: %s\n", pszWhy);
+    KvWriteStderr(sz, strlen(sz));
+}
+
+}  // namespace
+
+int KvRsGetWaitFd(void)
+{
+    if (!KvRsIsRunning())
+        return -1;
+    KvRsGlobalLock lock;
+    KvRsWaitFd& w = KvRsFd();
+    if (w.fd >= 0)
+        return w.fd;
+    KvProcessEntry* pEntry = KvRsOwnEntry();
+    if (pEntry == nullptr) {
+        KvRsFdFail("this process is not in the table of attached processes, so nothing can wake it");
+        return -1;
+    }
+    const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (fd < 0) {
+        KvRsFdFail(strerror(errno));
+        return -1;
+    }
+    __atomic_add_fetch(&pEntry->cWaiters, 1, __ATOMIC_SEQ_CST);
+    try {
+        w.pThread = new std::thread(&KvRsFdThread, pEntry, fd);
+    } catch (...) {
+        __atomic_sub_fetch(&pEntry->cWaiters, 1, __ATOMIC_SEQ_CST);
+        close(fd);
+        KvRsFdFail("no thread could be started for it");
+        return -1;
+    }
+    w.fd = fd;
+    return fd;
+}
+
+// At exit, before the segment is unmapped: the descriptor's thread stops.
+void KvRsStopWaitFd()
+{
+    KvRsWaitFd& w = KvRsFd();
+    KvProcessEntry* pEntry = KvRsOwnEntry();
+    if (w.pThread == nullptr || pEntry == nullptr)
+        return;
+    __atomic_store_n(&w.fStop, true, __ATOMIC_SEQ_CST);
+    __atomic_add_fetch(&pEntry->dwWake, 1, __ATOMIC_SEQ_CST);
+    KvWaitWordWakeAll(&pEntry->dwWake);
+    w.pThread->join();
+    __atomic_sub_fetch(&pEntry->cWaiters, 1, __ATOMIC_SEQ_CST);
+    w.pThread = nullptr;
+}
+
+// In a fork child: the thread did not come along; the descriptor is the
+// parent's and is left to it.
+void KvRsForgetWaitFd()
+{
+    KvRsWaitFd& w = KvRsFd();
+    w.pThread = nullptr;  // the parent's; not ours to join or delete
+    w.fd = -1;
+    w.fStop = false;
+}
