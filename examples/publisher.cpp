@@ -38,8 +38,7 @@ int main(int argc, char** argv)
         KvRsSetValueBytes(value.GetHandle(), value.GetId(), reinterpret_cast<unsigned char*>(&strText[0]),
                           static_cast<long>(strText.size()));
         KvRsSetNodeValue(node.GetHandle(), node.GetId(), value.GetHandle(), value.GetId());
-        KvRsNotifyNodeClients(node.GetHandle(), node.GetId(), dwValueChanged, value.GetHandle(), value.GetId(),
-                              false);
+        KvRsNotifyNodeClients(node.GetHandle(), node.GetId(), dwValueChanged, value.GetHandle(), value.GetId(), false);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     printf("done\n");

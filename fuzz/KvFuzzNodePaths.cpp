@@ -99,9 +99,7 @@ bool RunOps(KvFuzzInput& in, const KvRsNodeProxy& area)
                 KvFuzzFail("a child found by name has another name");
             break;
         }
-        default:
-            KvRsGetNode(psz);
-            break;
+        default: KvRsGetNode(psz); break;
         }
         if (vNodes.size() > 8)
             vNodes.erase(vNodes.begin() + 1);

@@ -58,15 +58,38 @@ void SetBytes(KvFuzzInput& in, KvFuzzValue& v)
         cb = bCount;
     } else {
         switch (bCount % 8) {
-        case 0: cb = 0; pb = pbOne.get(); break;
-        case 1: cb = -1; pb = pbOne.get(); break;
-        case 2: cb = INT32_MIN; pb = pbOne.get(); break;
-        case 3: cb = kLargestClass; pb = s_vLarge.data(); break;
-        case 4: cb = kLargestClass + 1; pb = pbOne.get(); break;
-        case 5: cb = INT32_MAX; pb = pbOne.get(); break;
-        case 6: cb = sizeof(long) > 4 ? static_cast<long>((static_cast<unsigned long long>(1) << 32) + 16) : 16;
-                pb = sizeof(long) > 4 ? pbOne.get() : s_vLarge.data(); break;
-        default: cb = 5; pb = nullptr; break;
+        case 0:
+            cb = 0;
+            pb = pbOne.get();
+            break;
+        case 1:
+            cb = -1;
+            pb = pbOne.get();
+            break;
+        case 2:
+            cb = INT32_MIN;
+            pb = pbOne.get();
+            break;
+        case 3:
+            cb = kLargestClass;
+            pb = s_vLarge.data();
+            break;
+        case 4:
+            cb = kLargestClass + 1;
+            pb = pbOne.get();
+            break;
+        case 5:
+            cb = INT32_MAX;
+            pb = pbOne.get();
+            break;
+        case 6:
+            cb = sizeof(long) > 4 ? static_cast<long>((static_cast<unsigned long long>(1) << 32) + 16) : 16;
+            pb = sizeof(long) > 4 ? pbOne.get() : s_vLarge.data();
+            break;
+        default:
+            cb = 5;
+            pb = nullptr;
+            break;
         }
     }
     KvRsSetValueBytes(v.proxy.GetHandle(), v.proxy.GetId(), const_cast<unsigned char*>(pb), cb);
@@ -93,9 +116,7 @@ void RunOps(KvFuzzInput& in, const KvRsNodeProxy& area)
         void* const h = v.proxy.GetHandle();
         const unsigned long id = v.proxy.GetId();
         switch (op % 5) {
-        case 0:
-            SetBytes(in, v);
-            break;
+        case 0: SetBytes(in, v); break;
         case 1:
             v.dwType = in.Word();
             KvRsSetValueType(h, id, v.dwType);

@@ -137,27 +137,26 @@
 #define KVRFRSVR_VERSION_MAJOR 1
 #define KVRFRSVR_VERSION_MINOR 1
 #define KVRFRSVR_VERSION_PATCH 0
-#define KVRFRSVR_VERSION \
-    (KVRFRSVR_VERSION_MAJOR * 10000 + KVRFRSVR_VERSION_MINOR * 100 + KVRFRSVR_VERSION_PATCH)
+#define KVRFRSVR_VERSION (KVRFRSVR_VERSION_MAJOR * 10000 + KVRFRSVR_VERSION_MINOR * 100 + KVRFRSVR_VERSION_PATCH)
 
 /* Type bits of a node that the library owns (KvRsGetNodeType and
  * KvRsSetNodeType); every other bit is the caller's and kept as given.  A
  * node is a value node, a reference node or a parent: at most one of the
  * three kind bits is set, and changing them by hand changes what the library
  * takes the node for. */
-#define KVRS_TYPE_VALUE 0x1u      /* holds a value */
-#define KVRS_TYPE_REF 0x2u        /* refers to another node */
-#define KVRS_TYPE_PARENT 0x4u     /* has (or had) children */
-#define KVRS_TYPE_KIND_MASK 0x7u  /* the three kind bits */
-#define KVRS_TYPE_CONST 0x10000u  /* value and children can no longer change */
+#define KVRS_TYPE_VALUE 0x1u     /* holds a value */
+#define KVRS_TYPE_REF 0x2u       /* refers to another node */
+#define KVRS_TYPE_PARENT 0x4u    /* has (or had) children */
+#define KVRS_TYPE_KIND_MASK 0x7u /* the three kind bits */
+#define KVRS_TYPE_CONST 0x10000u /* value and children can no longer change */
 
 /* Parts of a notification number (KvRsNotifyNodeServer/Clients). */
-#define KVRS_NOTIFY_MSG_MASK 0xFFFFu       /* the message number the receiver sees */
-#define KVRS_NOTIFY_THROUGH_REF 0x2u       /* passes on through reference nodes */
-#define KVRS_NOTIFY_STRUCTURAL_MASK 0xEu   /* any of 0x2, 0x4, 0x8 also reaches the
-                                              parties connected for all structural
-                                              changes */
-#define KVRS_NOTIFY_FRONT 0x10000u         /* queue the message at the front */
+#define KVRS_NOTIFY_MSG_MASK 0xFFFFu /* the message number the receiver sees */
+#define KVRS_NOTIFY_THROUGH_REF 0x2u /* passes on through reference nodes */
+/* Any of 0x2, 0x4, 0x8 also reaches the parties connected for all structural
+ * changes. */
+#define KVRS_NOTIFY_STRUCTURAL_MASK 0xEu
+#define KVRS_NOTIFY_FRONT 0x10000u /* queue the message at the front */
 
 /* Limits. */
 #define KVRS_PATH_MAX 8191u             /* longest path, in bytes without its NUL */
@@ -214,8 +213,7 @@ KVRFRSVR_API KvRsNodeProxy KvRsGetChildNode(void* hParent, unsigned long idParen
 /* Child iterator: with a null child handle the parent's first child, else the
  * child that follows the given child in its own parent's (sorted) child list;
  * empty proxy at the end.  Null parent handle: ignored. */
-KVRFRSVR_API KvRsNodeProxy KvRsGetChildNode(void* hParent, unsigned long idParent, void* hChild,
-                                            unsigned long idChild);
+KVRFRSVR_API KvRsNodeProxy KvRsGetChildNode(void* hParent, unsigned long idParent, void* hChild, unsigned long idChild);
 /* The node at path below the parent.  Null handle: reported. */
 KVRFRSVR_API KvRsNodeProxy KvRsGetDescendantNode(void* hParent, unsigned long idParent, const char* path);
 /* Looks path up below the node, then below each ancestor in turn, nearest
@@ -411,14 +409,11 @@ private:
     unsigned int m_dwId;           /* the object's 32-bit id */
 };
 
-class KvRsValueProxy : public KvRsProxy {
-};
+class KvRsValueProxy : public KvRsProxy {};
 
-class KvRsQueueProxy : public KvRsProxy {
-};
+class KvRsQueueProxy : public KvRsProxy {};
 
-class KvRsMsgProxy : public KvRsProxy {
-};
+class KvRsMsgProxy : public KvRsProxy {};
 
 class KvRsNodeProxy : public KvRsProxy {
 public:

@@ -139,10 +139,7 @@ public:
         }
         return true;
     }
-    double BytesUsed() override
-    {
-        return static_cast<double>(m_seg->get_size() - m_seg->get_free_memory());
-    }
+    double BytesUsed() override { return static_cast<double>(m_seg->get_size() - m_seg->get_free_memory()); }
     bool CreateLeaf(const std::string& path) override { return FindOrCreate(path); }
     bool LookupLeaf(const std::string& path) override { return Find(path); }
     bool CreateChild(const std::string& parentPath, const std::string& name) override

@@ -14,9 +14,9 @@ namespace kvcmp {
 
 inline uint64_t NowNs()
 {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                     std::chrono::steady_clock::now().time_since_epoch())
-                                     .count());
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count());
 }
 
 // Median cost of one NowNs() pair; subtracted from per-operation samples so that

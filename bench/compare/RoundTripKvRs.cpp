@@ -79,10 +79,7 @@ public:
         if (!TakeMessage(kPing, (n & 1023) == 0))
             RoundTripFailed(Name(), "wrong answer");
     }
-    void Finish() override
-    {
-        KvRsDisconnectClient(m_nodeB.GetHandle(), m_nodeB.GetId(), &m_target, 1);
-    }
+    void Finish() override { KvRsDisconnectClient(m_nodeB.GetHandle(), m_nodeB.GetId(), &m_target, 1); }
 };
 
 }  // namespace

@@ -116,10 +116,13 @@ int RunTreeCase(long cLeaves, const std::string& label, const Options& o)
         for (size_t slot = 0; slot < cSlots; ++slot)
             if (!s->HoldLeaf(paths[order[slot]], slot))
                 ++cFailed;
-        sum = Measure(static_cast<size_t>(o.cCount), clockNs, cFailed, [&](size_t i) {
-            s->SetValue(i % cSlots, ab);
-            return true;
-        }, kShortBatch);
+        sum = Measure(
+            static_cast<size_t>(o.cCount), clockNs, cFailed,
+            [&](size_t i) {
+                s->SetValue(i % cSlots, ab);
+                return true;
+            },
+            kShortBatch);
         EmitRow("Set a 16-byte value on a held node (" + label + ")", name, sum, "ns", FailNote(cFailed));
 
         if (!s->ConnectClient(0))
@@ -129,8 +132,9 @@ int RunTreeCase(long cLeaves, const std::string& label, const Options& o)
             cFailed = 0;
             for (long i = 0; i < o.cWarmup; ++i)
                 s->NotifyTakeRelease(0, v);
-            sum = Measure(static_cast<size_t>(o.cCount), clockNs, cFailed,
-                          [&](size_t) { return s->NotifyTakeRelease(0, v); }, kShortBatch);
+            sum = Measure(
+                static_cast<size_t>(o.cCount), clockNs, cFailed, [&](size_t) { return s->NotifyTakeRelease(0, v); },
+                kShortBatch);
             EmitRow("Notify one client, take the message, release it (" + label + ")", variants[v], sum, "ns",
                     FailNote(cFailed));
         }
@@ -159,8 +163,8 @@ int RunChildrenCase(long cChildren, const std::string& label, const Options& o)
             cFailed += s->CreateChild(parent, n) ? 0 : 1;
         for (size_t i = 0; i < std::min<size_t>(probes.size(), static_cast<size_t>(o.cWarmup)); ++i)
             s->LookupChild(parent, names[probes[i]]);
-        const Summary sum =
-            Measure(probes.size(), clockNs, cFailed, [&](size_t i) { return s->LookupChild(parent, names[probes[i]]); });
+        const Summary sum = Measure(probes.size(), clockNs, cFailed,
+                                    [&](size_t i) { return s->LookupChild(parent, names[probes[i]]); });
         EmitRow("Look up one child among " + label, s->Name(), sum, "ns", FailNote(cFailed));
     }
     return 0;

@@ -72,7 +72,7 @@ TEST_F(KvNodeFixture, ServerAndClientRecords)
     EXPECT_EQ(7u, KvRsGetMsgType(m.GetHandle(), m.GetId()));
     EXPECT_EQ(v.GetHandle(), KvRsGetMsgValue(m.GetHandle(), m.GetId()).GetHandle());
     KvRsConnectServer(n.GetHandle(), n.GetId(), KvTarget(5), 6);  // a second connect updates the server
-    KvRsDisconnectServer(n.GetHandle(), n.GetId());              // one disconnect ends both
+    KvRsDisconnectServer(n.GetHandle(), n.GetId());               // one disconnect ends both
     KVRSCONNECTINFO none;
     KvRsGetServer(n.GetHandle(), n.GetId(), &none);
     EXPECT_TRUE(none.proxyQueue.IsNull());

@@ -35,6 +35,7 @@ TEST(KvApiFault, TestedNullHandlesAreIgnoredQuietly)
     aInfo[0].pvTarget = &szName;
     void* h = &szName;
     unsigned long id = 5;
+    // clang-format off
     const std::vector<KvFaultCase> vCases = {
         {"KvRsGetNodeName", [&] { KvRsGetNodeName(nullptr, 0, szName); return std::string(szName) == "abc"; }},
         {"KvRsRemoveChildNode", [] { KvRsRemoveChildNode(nullptr, 0, "x"); return true; }},
@@ -47,6 +48,7 @@ TEST(KvApiFault, TestedNullHandlesAreIgnoredQuietly)
         {"KvRsConnectServer", [&] { KvRsConnectServer(nullptr, 0, h, 1); KvRsDisconnectServer(nullptr, 0); return true; }},
         {"KvRsGetServer", [&] { KvRsGetServer(nullptr, 0, aInfo); return aInfo[0].pvTarget == &szName; }},
     };
+    // clang-format on
     for (const KvFaultCase& c : vCases) {
         KvStderrCapture capture;
         EXPECT_TRUE(c.fnCallIsNeutral()) << c.pszName;
@@ -60,6 +62,7 @@ TEST(KvApiFault, UntestedNullHandlesReportOnceReturnNeutralAndFreeTheMutex)
     void* const h = n.GetHandle();
     const unsigned long id = n.GetId();
     int cVisited = 0;
+    // clang-format off
     const std::vector<KvFaultCase> vCases = {
         {"KvRsGetNode(null path)", [] { return KvRsGetNode(nullptr).IsNull(); }},
         {"KvRsGetDescendantNode", [] { return KvRsGetDescendantNode(nullptr, 0, "a").IsNull(); }},
@@ -77,6 +80,7 @@ TEST(KvApiFault, UntestedNullHandlesReportOnceReturnNeutralAndFreeTheMutex)
         {"KvRsGetNodeType(outside the segment)", [] { return KvRsGetNodeType(reinterpret_cast<void*>(0x7FFFFFF0), 1) == 0; }},
         {"KvRsRmvRef(outside)", [] { return !KvRsRmvRef(reinterpret_cast<void*>(~static_cast<uintptr_t>(0)), 1); }},
     };
+    // clang-format on
     for (const KvFaultCase& c : vCases) {
         KvStderrCapture capture;
         const bool fNeutral = c.fnCallIsNeutral();

@@ -45,7 +45,7 @@ TEST(KvApiNode, CreateAddAndSearchUpwards)
     EXPECT_TRUE(KvSame(c, KvRsCreateNode("ca.cb.cc", nullptr, 0)));  // creates nothing the second time
     EXPECT_EQ(1, KvRsGetChildNodeCount(b.GetHandle(), b.GetId()));
     EXPECT_TRUE(KvSame(c, KvRsCreateNode("cb.cc.", a.GetHandle(), a.GetId())));  // relative, trailing "."
-    EXPECT_TRUE(KvSame(a, KvRsCreateNode("", a.GetHandle(), a.GetId())));       // empty path: the start
+    EXPECT_TRUE(KvSame(a, KvRsCreateNode("", a.GetHandle(), a.GetId())));        // empty path: the start
 
     // AddChildNode gets or creates, and takes the name whole.
     KvRsNodeProxy dotted = KvRsAddChildNode(a.GetHandle(), a.GetId(), "x.y");

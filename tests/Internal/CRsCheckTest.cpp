@@ -122,8 +122,8 @@ TEST_F(CRsCheckTest, DamagedHeaderAndPoolsAreNamed)
 {
     KvGranularity::Info& info = *KvGranularity::_poinf;
     const uint32_t ofsCommit = info._pchNextCommit.Offset();
-    EXPECT_TRUE(KV_REPORTS_WITH(info._pchNextFree, KvsPtr<char>::FromOffset(ofsCommit + 8192),
-                            "is past _pchNextCommit"));
+    EXPECT_TRUE(
+        KV_REPORTS_WITH(info._pchNextFree, KvsPtr<char>::FromOffset(ofsCommit + 8192), "is past _pchNextCommit"));
     EXPECT_TRUE(KV_REPORTS_WITH(info._pchNextCommit, KvsPtr<char>::FromOffset(0x8000000), "is past the segment's end"));
     EXPECT_TRUE(KV_REPORTS_WITH(info._aptrRoot[5], 8, "root slot 5 holds 0x00000008"));
     EXPECT_TRUE(KV_REPORTS_WITH(info._abReserved[3], 1, "reserved bytes"));
@@ -184,13 +184,14 @@ TEST_F(CRsCheckTest, BrokenLinksInTheTreeAreNamedWithoutFaulting)
     EXPECT_TRUE(KV_REPORTS_WITH(c1->m_pHln->m_pNext, KvsPtr<CRsNodeHln>(), "the bottom list has"));
     EXPECT_TRUE(KV_REPORTS_WITH(lst.m_cEntries, 34, "child list of node \"a\""));
     EXPECT_TRUE(KV_REPORTS_WITH(lst.GetAnchor()->m_pNext, KvsPtr<QTopNode<CRsNodeHln>>::FromOffset(0x7fffffe0),
-                            "index level 0 entry 1"));
+                                "index level 0 entry 1"));
     EXPECT_TRUE(KV_REPORTS_WITH(c1->m_pHln, c2->m_pHln, "node \"a.c1\""));
     EXPECT_TRUE(KV_REPORTS_WITH(c1->m_ptrParent, KvsPtr<KvSmartPtrTarget>(c2.Get()), "its parent link is"));
     EXPECT_TRUE(KV_REPORTS_WITH(LinkWord(c1->m_pHln->m_ptr), c2.Offset(), "held by two child entries"));
     EXPECT_TRUE(KV_REPORTS_WITH(LinkWord(c1->m_ptrValue), 0x7ffffff0, "lies outside the carved area"));
     EXPECT_TRUE(KV_REPORTS_WITH(LinkWord(c1->m_ptrValue), c2.Offset(), "is reached as a value and as a node"));
-    EXPECT_TRUE(KV_REPORTS_WITH(v->m_iDeleteFunction, CRsNode::sm_iDeleteFunction, "starts with delete-function index"));
+    EXPECT_TRUE(
+        KV_REPORTS_WITH(v->m_iDeleteFunction, CRsNode::sm_iDeleteFunction, "starts with delete-function index"));
     EXPECT_TRUE(KV_REPORTS_WITH(v->m_dwId, CRsObj::DEAD_ID, "marks a destroyed object"));
     EXPECT_TRUE(KV_REPORTS_WITH(v->m_cBytes, 3, "with a byte count of 3"));
     // A live value put back on its free list (freed while still linked).

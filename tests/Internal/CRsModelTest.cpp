@@ -160,8 +160,8 @@ TEST_F(CRsValueQueueTest, RemoveMsgsForTargetMatchesTheHandleAndReportsIdMismatc
 TEST_F(CRsValueQueueTest, ABrokenByteCountIsReportedAtItsFixedLine)
 {
     static std::string s_strBox;
-    const KvUiSink sinkOld = KvSetUiSink({[](const char* pszText, const char*) { s_strBox = pszText; },
-                                          [](unsigned, unsigned) {}, nullptr});
+    const KvUiSink sinkOld =
+        KvSetUiSink({[](const char* pszText, const char*) { s_strBox = pszText; }, [](unsigned, unsigned) {}, nullptr});
     KvDebugOutput::SetTestMode(false);
     {
         KvSmartPtr<CRsValue> v(KvNewObject);
@@ -174,7 +174,8 @@ TEST_F(CRsValueQueueTest, ABrokenByteCountIsReportedAtItsFixedLine)
     }
     KvDebugOutput::SetTestMode(true);
     KvSetUiSink(sinkOld);
-    EXPECT_EQ("Internal data structures corrupted in\nfile: KvRfrSvr/Internal\nline: 38\nstatement: m_cBytes > 0", s_strBox);
+    EXPECT_EQ("Internal data structures corrupted in\nfile: KvRfrSvr/Internal\nline: 38\nstatement: m_cBytes > 0",
+              s_strBox);
     EXPECT_TRUE(KvPoolsBalanced(m_snap));
 }
 

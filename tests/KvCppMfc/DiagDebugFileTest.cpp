@@ -21,9 +21,16 @@ TEST(DiagDebugFile, TheVariableSwitchesAndSizesTheFileInTheLogDirectory)
     const struct {
         const char* pszValue;  // null: unset
         uint32_t cbLimit;      // 0: no file
-    } acases[] = {{nullptr, 0}, {"0", 0}, {"", 0}, {"none", 0}, {"0x400", 0}, {"1000", 1000},
+    } acases[] = {{nullptr, 0},
+                  {"0", 0},
+                  {"", 0},
+                  {"none", 0},
+                  {"0x400", 0},
+                  {"1000", 1000},
                   // Values that do not fit 32 bits, and negative ones, mean the largest limit.
-                  {"4294967295", 0xFFFFFFFF}, {"4294967296", 0xFFFFFFFF}, {"-1", 0xFFFFFFFF},
+                  {"4294967295", 0xFFFFFFFF},
+                  {"4294967296", 0xFFFFFFFF},
+                  {"-1", 0xFFFFFFFF},
                   {"99999999999999999999999", 0xFFFFFFFF}};
     int i = 0;
     for (const auto& c : acases) {

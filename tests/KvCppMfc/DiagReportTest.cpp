@@ -38,8 +38,8 @@ TEST_F(DiagReport, ConsistencyCheckShowsTheStatementAndGoesOn)
     ++cReached;
     KV_CHECK(cReached == 1, "KvRfrSvr/Internal");
     ASSERT_EQ(1u, g_vBoxes.size());
-    EXPECT_EQ("ERROR|Internal data structures corrupted in\nfile: KvRfrSvr/Internal\nline: " +
-                  std::to_string(nLine) + "\nstatement: cReached == 1",
+    EXPECT_EQ("ERROR|Internal data structures corrupted in\nfile: KvRfrSvr/Internal\nline: " + std::to_string(nLine) +
+                  "\nstatement: cReached == 1",
               g_vBoxes[0]);
 }
 

@@ -27,16 +27,18 @@ TEST(DiagText, ExceptionCodesHaveTheirSentencesAndOthersAreUnknown)
                      "too small to represent as a standard floating-point value."},
         {0xC0000094, "The thread tried to divide an integer value by an integer divisor of zero."},
         {0xC00000FD, "The thread used up its stack."},
-        {0, "Unknown exception."}, {0xC0000007, "Unknown exception."}, {0x80000001, "Unknown exception."},
+        {0, "Unknown exception."},
+        {0xC0000007, "Unknown exception."},
+        {0x80000001, "Unknown exception."},
     };
     for (const auto& c : acases)
         EXPECT_STREQ(c.pszText, KvExceptionCode2Text(c.dwCode)) << std::hex << c.dwCode;
     // Every code of the table has a sentence of its own.
     std::vector<std::string> v;
-    for (unsigned long dwCode : {0x80000002ul, 0x80000003ul, 0x80000004ul, 0xC0000005ul, 0xC0000006ul, 0xC000001Dul,
-                                 0xC0000025ul, 0xC0000026ul, 0xC000008Cul, 0xC000008Dul, 0xC000008Eul, 0xC000008Ful,
-                                 0xC0000090ul, 0xC0000091ul, 0xC0000092ul, 0xC0000093ul, 0xC0000094ul, 0xC0000095ul,
-                                 0xC0000096ul, 0xC00000FDul})
+    for (unsigned long dwCode :
+         {0x80000002ul, 0x80000003ul, 0x80000004ul, 0xC0000005ul, 0xC0000006ul, 0xC000001Dul, 0xC0000025ul,
+          0xC0000026ul, 0xC000008Cul, 0xC000008Dul, 0xC000008Eul, 0xC000008Ful, 0xC0000090ul, 0xC0000091ul,
+          0xC0000092ul, 0xC0000093ul, 0xC0000094ul, 0xC0000095ul, 0xC0000096ul, 0xC00000FDul})
         v.push_back(KvExceptionCode2Text(dwCode));
     std::sort(v.begin(), v.end());
     EXPECT_EQ(v.end(), std::unique(v.begin(), v.end()));

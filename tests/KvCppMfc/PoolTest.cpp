@@ -14,8 +14,8 @@ TEST_F(PoolTest, ClassBoundariesAlignmentReuseAndZeroing)
 {
     const struct {
         uint32_t n, cbBlock;
-    } acases[] = {{1, 8},       {8, 8},         {9, 16},          {1024, 1024},          {1025, 4096},
-                  {4096, 4096}, {4097, 16384},  {16385, 0x10000}, {0x1000000, 0x1000000}};
+    } acases[] = {{1, 8},       {8, 8},        {9, 16},          {1024, 1024},          {1025, 4096},
+                  {4096, 4096}, {4097, 16384}, {16385, 0x10000}, {0x1000000, 0x1000000}};
     for (const auto& c : acases) {
         auto* pb = static_cast<unsigned char*>(G::_Alloc(c.n));
         const G* g = G::_GetGranularity(G::_IndexForSize(c.n));

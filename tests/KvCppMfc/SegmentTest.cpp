@@ -47,9 +47,9 @@ TEST_F(SegmentTest, SecondProcessJoinsSeesRootsAndReusesFreedBlocks)
     void* pvShared = G::_Alloc(64);
     void* pvFreed = G::_Alloc(64);
     G::_Free(pvFreed, 64);
-    ASSERT_EQ(0, KvTestWait(KvTestSpawn("JoinAndFree", {std::to_string(G::_CalcOffset(psz)),
-                                                        std::to_string(G::_CalcOffset(pvShared)),
-                                                        std::to_string(G::_CalcOffset(pvFreed))})));
+    ASSERT_EQ(0, KvTestWait(KvTestSpawn("JoinAndFree",
+                                        {std::to_string(G::_CalcOffset(psz)), std::to_string(G::_CalcOffset(pvShared)),
+                                         std::to_string(G::_CalcOffset(pvFreed))})));
     EXPECT_EQ(1, G::_QueryCountAllocSharedMem());
     EXPECT_EQ(pvShared, G::_Alloc(64)) << "the child freed our block last";
     G::_Free(pvShared, 64);

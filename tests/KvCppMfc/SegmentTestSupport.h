@@ -55,7 +55,6 @@ public:
 };
 #pragma pack(pop)
 
-
 // Registers the test classes and attaches: 1 when made, 2 when joined.
 inline int KvAttachTestSegment()
 {

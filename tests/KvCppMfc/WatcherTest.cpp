@@ -35,8 +35,8 @@ TEST_F(WatcherTest, ChainIsNewestFirstAndFoundByTypeAndDescription)
         const char *pszType, *pszDescr;
         W* pExpected;
     } acases[] = {{"KvTestObj", "first", a.GetWatcher()}, {"KvTestObj", "second", b.GetWatcher()},
-                  {"Other", "first", c.GetWatcher()}, {"Other", "second", nullptr},
-                  {"KvTestObj", "third", nullptr}, {"KvTestOb", "first", nullptr}};
+                  {"Other", "first", c.GetWatcher()},     {"Other", "second", nullptr},
+                  {"KvTestObj", "third", nullptr},        {"KvTestOb", "first", nullptr}};
     for (const auto& t : acases)
         EXPECT_EQ(t.pExpected, W::_GetMemoryWatcher(t.pszType, t.pszDescr)) << t.pszType << ": " << t.pszDescr;
 
@@ -192,11 +192,16 @@ TEST_F(WatcherTest, DumpsPrintTotalsClassesAndWatchers)
         KvTempDebugFile file;
         pDiff->DumpStatisticsToDebugOutput();
         // Nothing of the watcher without counts, nor of the classes without blocks.
-        const std::vector<std::string> vExpected = {
-            "Memory State:", "Total memory : 64 bytes", "Total memory : -32 bytes", "Total memory : 32 static bytes",
-            "Granularity 0x20 : 2 objects", "Granularity 0x20 : -1 objects", "Granularity 0x20 : 1 static objects",
-            "Dump : lines (size=0x18): 2 objects", "Dump : lines (size=0x18): -1 objects",
-            "Dump : lines (size=0x18): 1 static objects"};
+        const std::vector<std::string> vExpected = {"Memory State:",
+                                                    "Total memory : 64 bytes",
+                                                    "Total memory : -32 bytes",
+                                                    "Total memory : 32 static bytes",
+                                                    "Granularity 0x20 : 2 objects",
+                                                    "Granularity 0x20 : -1 objects",
+                                                    "Granularity 0x20 : 1 static objects",
+                                                    "Dump : lines (size=0x18): 2 objects",
+                                                    "Dump : lines (size=0x18): -1 objects",
+                                                    "Dump : lines (size=0x18): 1 static objects"};
         EXPECT_EQ(vExpected, file.Texts());
     }
     const std::string strOut = CaptureStdout([&] { pDiff->DumpStatisticsToStdOut(); });

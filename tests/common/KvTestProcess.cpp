@@ -74,8 +74,7 @@ pid_t KvTestSpawn(const std::string& strScenario, const std::vector<std::string>
 {
     char sz[PATH_MAX + 1];
     const ssize_t cch = readlink("/proc/self/exe", sz, PATH_MAX);
-    std::vector<std::string> vstr{std::string(sz, cch > 0 ? static_cast<size_t>(cch) : 0),
-                                  "--kv-child=" + strScenario};
+    std::vector<std::string> vstr{std::string(sz, cch > 0 ? static_cast<size_t>(cch) : 0), "--kv-child=" + strScenario};
     vstr.insert(vstr.end(), args.begin(), args.end());
     return KvTestSpawnExe(vstr);
 }
@@ -144,8 +143,8 @@ std::vector<std::string> KvTestNamespaceObjects()
 {
     // "." + namespace + "." + word size, as the library names its objects.
     const char* psz = getenv("KVRFRSVR_NAMESPACE");
-    const std::string strSuffix = "." + (psz != nullptr && *psz != '\0' ? psz : "u" + std::to_string(getuid())) +
-                                  "." + std::to_string(sizeof(void*) * 8);
+    const std::string strSuffix = "." + (psz != nullptr && *psz != '\0' ? psz : "u" + std::to_string(getuid())) + "." +
+                                  std::to_string(sizeof(void*) * 8);
     std::vector<std::string> v;
     if (DIR* pdir = opendir("/dev/shm")) {
         while (dirent* pent = readdir(pdir)) {

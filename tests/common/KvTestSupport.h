@@ -19,10 +19,9 @@ bool KvRegisterChildScenario(const char* pszName, KvChildScenario pfn);
 // Runs the scenario named on the command line, if any; true when it did.
 bool KvRunChildScenarioIfAsked(int argc, char** argv, int* piExit);
 
-#define KV_CHILD_SCENARIO(name)                                                        \
-    static int KvChildScenario_##name(const std::vector<std::string>& args);          \
-    static const bool s_fKvChildScenario_##name =                                      \
-        KvRegisterChildScenario(#name, &KvChildScenario_##name);                       \
+#define KV_CHILD_SCENARIO(name)                                                                            \
+    static int KvChildScenario_##name(const std::vector<std::string>& args);                               \
+    static const bool s_fKvChildScenario_##name = KvRegisterChildScenario(#name, &KvChildScenario_##name); \
     static int KvChildScenario_##name(const std::vector<std::string>& args)
 
 // Starts argv (argv[0] is the program's path) with this environment. Standard

@@ -83,8 +83,8 @@ TEST(KvReap, AKilledClientIsReapedByKvrsReapAndByTheNextStartUp)
     // the server, and the six messages waiting for them.
     const KvKvrsRun run = KvRunKvrs({"reap"});
     EXPECT_EQ(0, run.iStatus) << run.strOut;
-    EXPECT_NE(std::string::npos, run.strOut.find("reaped process " + std::to_string(pid) +
-                                                 ": 3 connections, 6 messages freed"))
+    EXPECT_NE(std::string::npos,
+              run.strOut.find("reaped process " + std::to_string(pid) + ": 3 connections, 6 messages freed"))
         << run.strOut;
     EXPECT_EQ(1, ClientCount("reap.n"));
     KVRSCONNECTINFO server;

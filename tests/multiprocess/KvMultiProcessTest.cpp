@@ -70,7 +70,8 @@ KV_CHILD_SCENARIO(Client)
 TEST_F(KvMultiProcess, NotificationReachesAClientInAnotherProcess)
 {
     KvRsNodeProxy n = KvRsCreateNode("data.x", nullptr, 0);
-    const pid_t pid = KvTestSpawn("Client", {KvNumber(n.GetHandle()), KvNumber(KvRsCreateNode("", nullptr, 0).GetHandle())});
+    const pid_t pid =
+        KvTestSpawn("Client", {KvNumber(n.GetHandle()), KvNumber(KvRsCreateNode("", nullptr, 0).GetHandle())});
     ASSERT_TRUE(KvWaitFor([] { return !KvRsGetNode("sync.client_ready").IsNull(); }));
     EXPECT_EQ(1, KvRsGetClientCount(n.GetHandle(), n.GetId()));
     KvRsValueProxy v = KvRsCreateValue();

@@ -44,7 +44,8 @@ TEST(KvBadValue, SixteenMiBWorksLargerAndNonPositiveCountsEmptyTheValue)
         std::vector<unsigned char> abOut(ab.size(), 0xEE);
         KvRsGetValueBytes(v.GetHandle(), v.GetId(), abOut.data());
         EXPECT_EQ(0, memcmp(ab.data(), abOut.data(), static_cast<size_t>(kLargestClass)));
-        EXPECT_EQ(std::vector<unsigned char>(64, 0xEE), std::vector<unsigned char>(abOut.begin() + kLargestClass, abOut.end()))
+        EXPECT_EQ(std::vector<unsigned char>(64, 0xEE),
+                  std::vector<unsigned char>(abOut.begin() + kLargestClass, abOut.end()))
             << "nothing written past the count";
         // A count past the largest class is refused whatever its width: never
         // cut to its low 32 bits. Counts of 0 or less and a null source empty

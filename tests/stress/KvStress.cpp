@@ -239,8 +239,8 @@ private:
         const void* hNode = KvRsGetMsgChangedNode(m.GetHandle(), m.GetId()).GetHandle();
         const bool fTargetOk = fDefaultQueue ? hTarget == StructTarget() && idTarget == 0
                                              : hTarget == Target() && idTarget == p.dwHub;
-        const bool fNodeOk = p.dwHub < kHubs && (hNode == m_aHubs[p.dwHub].GetHandle() ||
-                                                 (fDefaultQueue && hNode == m_root.GetHandle()));
+        const bool fNodeOk = p.dwHub < kHubs &&
+                             (hNode == m_aHubs[p.dwHub].GetHandle() || (fDefaultQueue && hNode == m_root.GetHandle()));
         if (p.dwMagic != kMagic || !fTargetOk || !fNodeOk || ((dwType >> 8) & 0xF) != p.dwHub)
             m_cErrors += 1;
         Add(m_ledger, 'R', p.dwSender, reinterpret_cast<uintptr_t>(hTarget), 1, Hash(p.dwSender, p.dwSeq));
@@ -269,8 +269,8 @@ KV_CHILD_SCENARIO(StressWorker)
     for (size_t i = 0; i < vWorkers.size(); ++i) {
         vThreads[i].join();
         for (const auto& e : vWorkers[i]->m_ledger)
-            out << e.first.first << " " << e.first.second.first << " " << e.first.second.second << " "
-                << e.second.first << " " << e.second.second << "\n";
+            out << e.first.first << " " << e.first.second.first << " " << e.first.second.second << " " << e.second.first
+                << " " << e.second.second << "\n";
     }
     return out.good() ? 0 : 3;
 }
@@ -360,8 +360,9 @@ int RunParent(double dSeconds)
     }
     printf("kvrs_stress  %d workers x %d threads, %.1f s: %llu operations, %llu messages sent, %llu lost, "
            "%llu duplicated, stray or altered\n",
-           kWorkers, kThreads, dSeconds, static_cast<unsigned long long>(ops.first), static_cast<unsigned long long>(cSent),
-           static_cast<unsigned long long>(cLost), static_cast<unsigned long long>(cExtra));
+           kWorkers, kThreads, dSeconds, static_cast<unsigned long long>(ops.first),
+           static_cast<unsigned long long>(cSent), static_cast<unsigned long long>(cLost),
+           static_cast<unsigned long long>(cExtra));
     if (cLost != 0 || cExtra != 0 || cSent == 0)
         fOk = Fail("messages were lost, duplicated or altered, or none was sent");
     if (ops.second != 0)

@@ -146,7 +146,7 @@ TEST_F(KvToolTest, ListenPrintsNotificationsUntilItsCountThenDisconnects)
     EXPECT_NE(std::string::npos, KvTool({"tree", "n"}).strOut.find("clients 1"));
     EXPECT_EQ(0, KvTool({"notify", "n.x", "5", "--value", "hi"}).iStatus);
     EXPECT_EQ(0, KvTool({"set", "n.x", "2", "--notify", "0x10009"}).iStatus);  // front bit is not part of the number
-    EXPECT_EQ(0, KvTool({"notify", "n", "6", "--recursive"}).iStatus);          // reaches n.x's clients
+    EXPECT_EQ(0, KvTool({"notify", "n", "6", "--recursive"}).iStatus);         // reaches n.x's clients
     const KvToolResult r = listen.Finish();
     EXPECT_EQ(0, r.iStatus) << r.strErr;
     ASSERT_EQ(3u, KvToolLineCount(r.strOut)) << r.strOut;

@@ -188,7 +188,8 @@ std::vector<std::string> KvrsTypeFlagList(uint32_t dwType)
     static const struct {
         uint32_t dwMask;
         const char* pszName;
-    } s_aFlags[] = {{KVRS_TYPE_VALUE, "value"}, {KVRS_TYPE_REF, "ref"}, {KVRS_TYPE_PARENT, "parent"}, {KVRS_TYPE_CONST, "const"}};
+    } s_aFlags[] = {
+        {KVRS_TYPE_VALUE, "value"}, {KVRS_TYPE_REF, "ref"}, {KVRS_TYPE_PARENT, "parent"}, {KVRS_TYPE_CONST, "const"}};
     std::vector<std::string> vstr;
     for (const auto& f : s_aFlags)
         if (dwType & f.dwMask)
@@ -230,8 +231,8 @@ KvRsValueProxy KvrsMakeValue(uint32_t dwType, const std::vector<unsigned char>& 
     std::vector<unsigned char> abCopy(ab);  // the API takes a non-const buffer
     KvRsSetValueBytes(value.GetHandle(), value.GetId(), abCopy.data(), static_cast<long>(abCopy.size()));
     if (KvRsGetValueByteCount(value.GetHandle(), value.GetId()) != static_cast<long>(ab.size()))
-        throw KvrsError(KVRS_EXIT_FAILED, "value of " + std::to_string(ab.size()) +
-                                              " bytes does not fit in the segment");
+        throw KvrsError(KVRS_EXIT_FAILED,
+                        "value of " + std::to_string(ab.size()) + " bytes does not fit in the segment");
     return value;
 }
 

@@ -36,10 +36,7 @@ Counts ReadCounts(const KvrsChild& child)
 
 class Demo {
 public:
-    explicit Demo(double dSeconds)
-        : m_dSeconds(dSeconds), m_strNamespace("demo." + std::to_string(getpid()))
-    {
-    }
+    explicit Demo(double dSeconds) : m_dSeconds(dSeconds), m_strNamespace("demo." + std::to_string(getpid())) {}
     int Run();
 
 private:
@@ -116,8 +113,8 @@ bool Demo::PrintSummary()
         bAllReported = bAllReported && c.m_bReported;
         cListenersReceived += c.m_cReceived;
         cListenersSent += c.m_cSent;
-        printf("%-12s %8d %10ld %10ld  %s\n", p->Name().c_str(), static_cast<int>(p->Pid()), c.m_cSent,
-               c.m_cReceived, c.m_cSent ? "(sent: echoes to the node's server)" : "");
+        printf("%-12s %8d %10ld %10ld  %s\n", p->Name().c_str(), static_cast<int>(p->Pid()), c.m_cSent, c.m_cReceived,
+               c.m_cSent ? "(sent: echoes to the node's server)" : "");
     }
     const Counts pub = ReadCounts(*m_pPublisher);
     bAllReported = bAllReported && pub.m_bReported;

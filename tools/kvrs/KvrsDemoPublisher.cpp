@@ -50,7 +50,7 @@ private:
                                     {"plant.line1.pressure", "bar", 1.2, 0.1, {}},
                                     {"plant.line2.temp", "C", 64.0, 3.0, {}},
                                     {"plant.line2.flow", "l/min", 120.0, 15.0, {}}};
-    long m_cSent = 0;     // messages put into listeners' queues
+    long m_cSent = 0;  // messages put into listeners' queues
     long m_cEchoExpected = 0;
     long m_cEchoes = 0;
     unsigned m_uSeq = 0;

@@ -58,8 +58,8 @@ struct ListenOptions {
     long m_cMax = -1;          // --count; -1: no limit
     double m_dTimeout = -1.0;  // --timeout in seconds; negative: none
     bool m_bJson = false;
-    bool m_bEcho = false;      // answer each message to the node's server (round trips)
-    bool m_bSummary = false;   // print a machine-read SUMMARY line at the end
+    bool m_bEcho = false;     // answer each message to the node's server (round trips)
+    bool m_bSummary = false;  // print a machine-read SUMMARY line at the end
 };
 
 // One subscription: its node and the target that its messages carry. The target
@@ -84,7 +84,8 @@ std::vector<Subscription> Connect(const ListenOptions& opt)
     for (const std::string& strPath : opt.m_vstrPaths)
         vsub.push_back({KvrsFindNode(strPath), strPath, TargetOf(vsub.size())});
     for (const Subscription& s : vsub)
-        KvRsConnectClient(s.m_node.GetHandle(), s.m_node.GetId(), s.m_hTarget, reinterpret_cast<uintptr_t>(s.m_hTarget));
+        KvRsConnectClient(s.m_node.GetHandle(), s.m_node.GetId(), s.m_hTarget,
+                          reinterpret_cast<uintptr_t>(s.m_hTarget));
     if (opt.m_bStructural)
         KvRsConnectForAllStructuralChanges(TargetOf(vsub.size()), static_cast<unsigned long>(vsub.size() + 1));
     return vsub;
@@ -93,7 +94,8 @@ std::vector<Subscription> Connect(const ListenOptions& opt)
 void Disconnect(const std::vector<Subscription>& vsub, const ListenOptions& opt)
 {
     for (const Subscription& s : vsub)
-        KvRsDisconnectClient(s.m_node.GetHandle(), s.m_node.GetId(), s.m_hTarget, reinterpret_cast<uintptr_t>(s.m_hTarget));
+        KvRsDisconnectClient(s.m_node.GetHandle(), s.m_node.GetId(), s.m_hTarget,
+                             reinterpret_cast<uintptr_t>(s.m_hTarget));
     if (opt.m_bStructural)
         KvRsDisconnectForAllStructuralChanges(TargetOf(vsub.size()), static_cast<unsigned long>(vsub.size() + 1));
 }
@@ -114,7 +116,9 @@ void PrintMessage(const KvRsMsgProxy& msg, const ListenOptions& opt)
                static_cast<unsigned long>(uTarget), idTarget, KvrsValueJson(v).c_str());
     } else {
         printf("%s  #0x%04x  %s  target %lu/%lu  %s\n", KvrsClockText().c_str(), dwNumber,
-               node.IsNull() ? "(no node)" : strPath.empty() ? "(root)" : strPath.c_str(),
+               node.IsNull()     ? "(no node)"
+               : strPath.empty() ? "(root)"
+                                 : strPath.c_str(),
                static_cast<unsigned long>(uTarget), idTarget, KvrsValueText(v, 64).c_str());
     }
     fflush(stdout);
@@ -201,8 +205,9 @@ void AddNotify(CLI::App& app)
                     "Notification number: low 16 bits the message number; 0x2 passes through references; "
                     "0x2/0x4/0x8 also reach structural listeners")
         ->required();
-    sub->add_option("--value", opt->m_strValue, "Text sent with the message (type 0)")
-        ->each([opt](const std::string&) { opt->m_bValue = true; });
+    sub->add_option("--value", opt->m_strValue, "Text sent with the message (type 0)")->each([opt](const std::string&) {
+        opt->m_bValue = true;
+    });
     sub->add_flag("--server", opt->m_bServer, "Notify the node's server instead of its clients");
     sub->add_flag("--recursive", opt->m_bRecursive, "Also notify the clients of every descendant");
     sub->add_flag("--front", opt->m_bFront, "Put the messages at the front of the queues (bit 0x10000)");

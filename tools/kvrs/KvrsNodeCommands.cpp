@@ -91,7 +91,8 @@ void RunSet(const SetOptions& opt)
     // A const node keeps its first value, a reference without target takes none.
     KvRsValueProxy stored = KvRsGetNodeValue(node.GetHandle(), node.GetId());
     if (stored.GetHandle() != value.GetHandle())
-        throw KvrsError(KVRS_EXIT_FAILED, "'" + opt.m_strPath + "' refused the value (const, or a reference without target)");
+        throw KvrsError(KVRS_EXIT_FAILED,
+                        "'" + opt.m_strPath + "' refused the value (const, or a reference without target)");
     if (!opt.m_strNotify.empty())
         KvRsNotifyNodeClients(node.GetHandle(), node.GetId(), dwNotify, value.GetHandle(), value.GetId(), false);
 }

@@ -20,8 +20,8 @@ namespace {
 
 struct PoolUse {
     uint32_t m_cbBlock = 0;
-    uint64_t m_cInUse = 0;  // allocations minus frees, checked and unchecked
-    uint64_t m_cFree = 0;   // blocks waiting on the pool's free list
+    uint64_t m_cInUse = 0;           // allocations minus frees, checked and unchecked
+    uint64_t m_cFree = 0;            // blocks waiting on the pool's free list
     bool m_bFreeListBroken = false;  // a link left the carved area: counted up to it
 };
 
@@ -113,8 +113,7 @@ void PrintText(const SegmentUse& use)
 void PrintJson(const SegmentUse& use)
 {
     printf("{\"namespace\":%s,\"size\":%u,\"committed\":%u,\"carved\":%u,\"attachments\":%d,\"pools\":[",
-           KvrsJsonString(KvNamespace()).c_str(), use.m_cbSize, use.m_cbCommitted, use.m_cbCarved,
-           use.m_cAttachments);
+           KvrsJsonString(KvNamespace()).c_str(), use.m_cbSize, use.m_cbCommitted, use.m_cbCarved, use.m_cAttachments);
     for (size_t i = 0; i < use.m_vPools.size(); ++i)
         printf("%s{\"block\":%u,\"inUse\":%llu,\"free\":%llu,\"freeListBroken\":%s}", i ? "," : "",
                use.m_vPools[i].m_cbBlock, static_cast<unsigned long long>(use.m_vPools[i].m_cInUse),
@@ -153,7 +152,8 @@ void RunStats(bool bJson)
 void KvrsAddStatsCommand(CLI::App& app)
 {
     auto bJson = std::make_shared<bool>(false);
-    CLI::App* sub = app.add_subcommand("stats", "Segment use: sizes, blocks per pool, attachments, queues of ended processes");
+    CLI::App* sub =
+        app.add_subcommand("stats", "Segment use: sizes, blocks per pool, attachments, queues of ended processes");
     sub->add_flag("--json", *bJson, "Sizes and pools as one JSON object");
     sub->callback([bJson] { RunStats(*bJson); });
 }

@@ -151,9 +151,9 @@ unsigned long _DebugOutput(const char* pszText, const char* pszFile, unsigned lo
     if (pszFile != nullptr)
         cch = snprintf(szPrefix, sizeof(szPrefix), "%s(%lu): ", pszFile, nLine);
     clamp();
-    cch += snprintf(szPrefix + cch, sizeof(szPrefix) - static_cast<size_t>(cch), "%.15g %s P=%u T=%x E=%d: ",
-                    KvGetTickCount() * 0.001, KvUtcTimeText().c_str(), KvGetCurrentProcessId(),
-                    KvGetCurrentThreadId(), iLastError);
+    cch += snprintf(szPrefix + cch, sizeof(szPrefix) - static_cast<size_t>(cch),
+                    "%.15g %s P=%u T=%x E=%d: ", KvGetTickCount() * 0.001, KvUtcTimeText().c_str(),
+                    KvGetCurrentProcessId(), KvGetCurrentThreadId(), iLastError);
     clamp();
     if (pszText == nullptr)
         pszText = "DebugOutput called with NULL-pointer message";

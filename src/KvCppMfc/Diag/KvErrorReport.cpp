@@ -13,7 +13,7 @@
 
 namespace {
 
-std::mutex s_mtxWindow;                 // guards additions to the error window
+std::mutex s_mtxWindow;                               // guards additions to the error window
 KV_INIT_STATICS std::deque<std::string> s_lstWindow;  // newest first, at most 100 lines
 bool s_fThrowTestMode = false;
 void (*s_pfnStatisticsDump)() = nullptr;  // the pools' memory state, once they are attached
@@ -27,9 +27,7 @@ void KvStderrMessageBox(const char* pszText, const char* pszCaption)
     KvWriteStderr(str.data(), str.size());
 }
 
-void KvSilentBeep(unsigned, unsigned)
-{
-}
+void KvSilentBeep(unsigned, unsigned) {}
 
 void KvStderrErrorWindow(const char* pszLine)
 {

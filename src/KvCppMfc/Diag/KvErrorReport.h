@@ -11,8 +11,8 @@ void KvAssertReport(const char* pszStatement, const char* pszFile, unsigned long
 
 // Checks a condition and reports its own text when it fails. pszFile names the
 // module (for example "KvRfrSvr/Internal").
-#define KV_CHECK(cond, pszFile)                                   \
-    do {                                                          \
-        if (!(cond))                                              \
-            KvAssertReport(#cond, (pszFile), __LINE__);           \
+#define KV_CHECK(cond, pszFile)                         \
+    do {                                                \
+        if (!(cond))                                    \
+            KvAssertReport(#cond, (pszFile), __LINE__); \
     } while (0)

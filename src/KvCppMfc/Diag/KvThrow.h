@@ -13,7 +13,6 @@ struct KvThrowText {
 void KvThrowSetTestMode(bool f);
 bool KvThrowGetTestMode();
 
-
 // The pools hand in their statistics dump, so that KvThrow can show the memory
 // state without the diagnostics knowing the pools.
 void KvSetStatisticsDump(void (*pfnDump)());

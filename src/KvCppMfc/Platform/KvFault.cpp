@@ -118,15 +118,9 @@ KvFaultInfo KvFaultInfoFromSignal(int sig, const siginfo_t* psi, const void* pvC
                 info.dwCode = code.dwCode;
         break;
     }
-    case SIGILL:
-        info.dwCode = psi != nullptr && psi->si_code == ILL_PRVOPC ? 0xC0000096 : 0xC000001D;
-        break;
-    case SIGBUS:
-        info.dwCode = 0xC0000006;
-        break;
-    default:
-        info.dwCode = 0;
-        break;
+    case SIGILL: info.dwCode = psi != nullptr && psi->si_code == ILL_PRVOPC ? 0xC0000096 : 0xC000001D; break;
+    case SIGBUS: info.dwCode = 0xC0000006; break;
+    default: info.dwCode = 0; break;
     }
     return info;
 }

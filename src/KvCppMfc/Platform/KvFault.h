@@ -9,10 +9,10 @@
 
 // Information about a fault, in the terms of the original exception records.
 struct KvFaultInfo {
-    uint32_t dwCode;        // 0xC0000005, 0xC0000094, 0xC000001D, 0xC0000006, ...
-    uintptr_t pvAddress;    // instruction that faulted
-    int cParams;            // 2 for an access violation, else 0
-    uintptr_t aParams[2];   // access violation: 0 read / 1 write, then the data address
+    uint32_t dwCode;       // 0xC0000005, 0xC0000094, 0xC000001D, 0xC0000006, ...
+    uintptr_t pvAddress;   // instruction that faulted
+    int cParams;           // 2 for an access violation, else 0
+    uintptr_t aParams[2];  // access violation: 0 read / 1 write, then the data address
 };
 
 // Translates a signal into the fault record above.

@@ -62,8 +62,8 @@ void KvNamedLock::LockDescription()
         }
         struct stat stFd, stName;
         const std::string strPath = "/dev/shm" + m_strName;
-        if (fstat(m_fd, &stFd) == 0 && stat(strPath.c_str(), &stName) == 0 &&
-            stFd.st_ino == stName.st_ino && stFd.st_dev == stName.st_dev)
+        if (fstat(m_fd, &stFd) == 0 && stat(strPath.c_str(), &stName) == 0 && stFd.st_ino == stName.st_ino &&
+            stFd.st_dev == stName.st_dev)
             return;
         close(m_fd);
         m_fd = shm_open(m_strName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);

@@ -28,8 +28,8 @@
 // The futex word and its list link lie where glibc's mutex keeps them; the
 // rest of the pthread_mutex_t storage is not used.
 struct KvSharedMutexObject {
-    uint32_t dwReady;      // written last: an object without it was never initialised
-    uint32_t cRecursion;   // levels held by the owner; only the owner touches it
+    uint32_t dwReady;        // written last: an object without it was never initialised
+    uint32_t cRecursion;     // levels held by the owner; only the owner touches it
     uint32_t cSpinEstimate;  // recent spins before acquisition, for the adaptive spin
     uint32_t dwSequence;     // odd while owned: lets readers check that nobody wrote
     pthread_mutex_t mtxLayout;
@@ -43,7 +43,7 @@ static const uint32_t kKvMutexReady = 0x324D564B;
 
 namespace {
 
-constexpr uint32_t kKvSpinMax = 1000;   // upper bound of the adaptive spin
+constexpr uint32_t kKvSpinMax = 1000;  // upper bound of the adaptive spin
 constexpr uint32_t kKvSpinMin = 100;
 
 inline uint32_t* KvWord(KvSharedMutexObject* p)
@@ -67,7 +67,10 @@ inline void KvCpuRelax()
 #endif
 }
 
-inline void KvCompilerBarrier() { __asm__ __volatile__("" ::: "memory"); }
+inline void KvCompilerBarrier()
+{
+    __asm__ __volatile__("" ::: "memory");
+}
 
 // Distance from an entry's list link to its futex word, as our entries have it.
 long KvOwnFutexOffset()
@@ -191,9 +194,8 @@ inline bool KvIsAvailable(uint32_t w)
 // thread that has slept, since others may still sleep.
 inline bool KvTryTake(uint32_t* pw, uint32_t w, uint32_t dwTid, uint32_t dwExtra)
 {
-    return KvIsAvailable(w) &&
-           __atomic_compare_exchange_n(pw, &w, dwTid | dwExtra | (w & FUTEX_WAITERS), false,
-                                       __ATOMIC_ACQUIRE, __ATOMIC_RELAXED);
+    return KvIsAvailable(w) && __atomic_compare_exchange_n(pw, &w, dwTid | dwExtra | (w & FUTEX_WAITERS), false,
+                                                           __ATOMIC_ACQUIRE, __ATOMIC_RELAXED);
 }
 
 // Moves the spin estimate an eighth of the way towards the latest wait. Racing
@@ -226,8 +228,7 @@ bool KvNamedMutex::OpenOrCreate(const char* pszName)
     if (m_pobj != nullptr)
         return true;
     bool fCreated = false;
-    if (!m_shm.OpenOrCreate(KvObjectName(pszName), sizeof(KvSharedMutexObject), true, &fCreated) ||
-        !m_shm.Map()) {
+    if (!m_shm.OpenOrCreate(KvObjectName(pszName), sizeof(KvSharedMutexObject), true, &fCreated) || !m_shm.Map()) {
         m_shm.Close();
         return false;
     }
@@ -371,8 +372,7 @@ void KvNamedMutex::LockContended(uint32_t dwTid)
         if (KvIsAvailable(w))
             continue;
         if ((w & FUTEX_WAITERS) == 0 &&
-            !__atomic_compare_exchange_n(pw, &w, w | FUTEX_WAITERS, false, __ATOMIC_RELAXED,
-                                         __ATOMIC_RELAXED))
+            !__atomic_compare_exchange_n(pw, &w, w | FUTEX_WAITERS, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED))
             continue;
         KvFutex(pw, FUTEX_WAIT, w | FUTEX_WAITERS);
     }

@@ -53,13 +53,11 @@ std::string KvObjectName(const char* pszName)
     const size_t cchMax = NAME_MAX - strSuffix.size() - 18;
     if (strBase.size() > cchMax) {
         char szHash[20];
-        snprintf(szHash, sizeof(szHash), "~%016llx",
-                 static_cast<unsigned long long>(KvFnv1a(strBase)));
+        snprintf(szHash, sizeof(szHash), "~%016llx", static_cast<unsigned long long>(KvFnv1a(strBase)));
         strBase = strBase.substr(0, cchMax) + szHash;
     }
     return "/" + strBase + strSuffix;
 }
-
 
 int KvUnlinkNamespaceObjects(const std::string& strKeep, bool fKeepMutexes)
 {

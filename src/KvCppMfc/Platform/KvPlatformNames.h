@@ -26,4 +26,7 @@ std::string KvObjectName(const char* pszName);
 int KvUnlinkNamespaceObjects(const std::string& strKeep, bool fKeepMutexes = false);
 
 // Word size of this build in bits (32 or 64).
-constexpr int KvWordSize() { return static_cast<int>(sizeof(void*) * 8); }
+constexpr int KvWordSize()
+{
+    return static_cast<int>(sizeof(void*) * 8);
+}

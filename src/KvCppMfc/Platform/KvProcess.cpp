@@ -13,12 +13,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
-#include <signal.h>
 #include <unistd.h>
 
 static uint32_t s_dwPid = 0;
@@ -69,9 +69,8 @@ std::string KvUtcTimeText()
     time_t t = ts.tv_sec;
     gmtime_r(&t, &tmUtc);
     char sz[96];
-    snprintf(sz, sizeof(sz), "%04d-%02d-%02d %02d:%02d:%02d.%03ld", tmUtc.tm_year + 1900,
-             tmUtc.tm_mon + 1, tmUtc.tm_mday, tmUtc.tm_hour, tmUtc.tm_min, tmUtc.tm_sec,
-             static_cast<long>(ts.tv_nsec / 1000000));
+    snprintf(sz, sizeof(sz), "%04d-%02d-%02d %02d:%02d:%02d.%03ld", tmUtc.tm_year + 1900, tmUtc.tm_mon + 1,
+             tmUtc.tm_mday, tmUtc.tm_hour, tmUtc.tm_min, tmUtc.tm_sec, static_cast<long>(ts.tv_nsec / 1000000));
     return sz;
 }
 

@@ -43,7 +43,8 @@ std::string KvSegmentSuffix(int fdDir, const char* pszName)
 bool KvIsTokenOf(const std::string& strName, const std::string& strSuffix)
 {
     static const std::string s_strPrefix = "KVRS_PRC.";
-    if (strName.size() <= s_strPrefix.size() + strSuffix.size() || strName.compare(0, s_strPrefix.size(), s_strPrefix) != 0 ||
+    if (strName.size() <= s_strPrefix.size() + strSuffix.size() ||
+        strName.compare(0, s_strPrefix.size(), s_strPrefix) != 0 ||
         strName.compare(strName.size() - strSuffix.size(), strSuffix.size(), strSuffix) != 0)
         return false;
     const std::string strMiddle =

@@ -11,6 +11,7 @@
 
 // Table entry i serves requests whose 2n-1 has bit length b where _aulNdxMap[b] == i.
 // There is deliberately no 2048-byte class.
+// clang-format off
 const uint32_t KvGranularity::_aulNdxMap[34] = {
     0, 1, 1, 1, 1, 2, 3, 4, 5, 6, 7, 8, 9, 9, 10, 10, 11,
     11, 12, 12, 13, 13, 14, 14, 15, 15,
@@ -23,10 +24,11 @@ KV_INIT_STATICS const KvGranularity KvGranularity::_agranTemplate[KVGRAN_COUNT] 
     {nullptr, 4096, 8},       {nullptr, 16384, 8},     {nullptr, 0x10000, 4},
     {nullptr, 0x40000, 4},    {nullptr, 0x100000, 1},  {nullptr, 0x400000, 1},
     {nullptr, 0x1000000, 1},  {nullptr, 0, 0}};
+// clang-format on
 
 KvGranularity::KvGranularity(void* pv, uint32_t stSize, uint32_t cBlocksPerChunk)
-    : _pchHead(static_cast<char*>(pv)), _stSize(stSize), _cBlocksPerChunk(cBlocksPerChunk),
-      _cAllocChecked(0), _cFreeChecked(0), _cNetUnchecked(0)
+    : _pchHead(static_cast<char*>(pv)), _stSize(stSize), _cBlocksPerChunk(cBlocksPerChunk), _cAllocChecked(0),
+      _cFreeChecked(0), _cNetUnchecked(0)
 {
 }
 
@@ -104,8 +106,8 @@ void* KvGranularity::Alloc(uint32_t n, KvGranularityMemoryWatcher* pWatcher)
     if (n > _stSize) {
         char sz[160];
         snprintf(sz, sizeof(sz),
-                 "KvGranularity::Alloc(): Illegal attempt to\tallocate 0x%x bytes from Granularity with 0x%x bytes",
-                 n, _stSize);
+                 "KvGranularity::Alloc(): Illegal attempt to\tallocate 0x%x bytes from Granularity with 0x%x bytes", n,
+                 _stSize);
         KvGranThrow(sz);
     }
     if (_pchHead.IsNull())
@@ -172,9 +174,8 @@ bool KvGranularity::IsExhausted() const
     if (_pchHead.IsNotNull())
         return false;
     // The room MemPrepare needs for one more chunk.
-    const uint64_t cbEnd = KvRoundUp(static_cast<uint64_t>(_poinf->_pchNextFree.Offset()) +
-                                         static_cast<uint64_t>(_cBlocksPerChunk) * _stSize,
-                                     4096);
+    const uint64_t cbEnd = KvRoundUp(
+        static_cast<uint64_t>(_poinf->_pchNextFree.Offset()) + static_cast<uint64_t>(_cBlocksPerChunk) * _stSize, 4096);
     return cbEnd > _stMax;
 }
 
@@ -266,8 +267,7 @@ int32_t KvGranularity::_RegisterDeleteFunction(KvDeleteFunction pfn, const char*
 void KvGranularity::_BadDeleteFunction(void* pv)
 {
     char sz[128];
-    snprintf(sz, sizeof(sz), "KvGranularity: object at offset 0x%x has no registered delete function",
-             _CalcOffset(pv));
+    snprintf(sz, sizeof(sz), "KvGranularity: object at offset 0x%x has no registered delete function", _CalcOffset(pv));
     KvThrow(sz);
 }
 

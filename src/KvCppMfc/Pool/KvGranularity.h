@@ -17,31 +17,31 @@ class KvGranularityMemoryWatcher;
 class KvGranularityMemoryState;
 class KvNamedMutex;
 
-constexpr uint32_t KVGRAN_HEADER_SIZE = 0x10000;      // header zone; no block lies there
-constexpr uint32_t KVGRAN_COUNT = 17;                 // entries of the granularity table
-constexpr uint32_t KVGRAN_NUM_WATCHERS = 16384;       // limit of memory watchers
+constexpr uint32_t KVGRAN_HEADER_SIZE = 0x10000;  // header zone; no block lies there
+constexpr uint32_t KVGRAN_COUNT = 17;             // entries of the granularity table
+constexpr uint32_t KVGRAN_NUM_WATCHERS = 16384;   // limit of memory watchers
 constexpr uint32_t KVGRAN_MAX_DELETE_FUNCTIONS = 4096;
-constexpr uint32_t KVGRAN_MAX_REQUEST = 0x1000000;    // largest block class (16 MiB)
+constexpr uint32_t KVGRAN_MAX_REQUEST = 0x1000000;  // largest block class (16 MiB)
 
 #pragma pack(push, 1)
 class KvGranularity : public KvGranularityStatics {
 public:
     // The segment header. Offsets are binding for every process.
     struct Info {
-        KvsPtr<char> _pchNextFree;      // first byte not yet carved into blocks
-        KvsPtr<char> _pchNextCommit;    // end of the committed range
-        KvsPtr<char> _pvRootObj;        // first block of the pool area
-        uint32_t _aptrRoot[16];         // root slots (offsets)
-        char _szFirstWatcher[512];      // kernel-object name of the newest watcher
-        int32_t _cAllocSharedMem;       // open attachments of all processes
-        uint64_t _cbAllocChecked;       // bytes handed out while checking is on
-        uint64_t _cbFreeChecked;        // bytes given back while checking is on (counted down)
-        uint64_t _cbNetUnchecked;       // net bytes while checking is off
+        KvsPtr<char> _pchNextFree;          // first byte not yet carved into blocks
+        KvsPtr<char> _pchNextCommit;        // end of the committed range
+        KvsPtr<char> _pvRootObj;            // first block of the pool area
+        uint32_t _aptrRoot[16];             // root slots (offsets)
+        char _szFirstWatcher[512];          // kernel-object name of the newest watcher
+        int32_t _cAllocSharedMem;           // open attachments of all processes
+        uint64_t _cbAllocChecked;           // bytes handed out while checking is on
+        uint64_t _cbFreeChecked;            // bytes given back while checking is on (counted down)
+        uint64_t _cbNetUnchecked;           // net bytes while checking is off
         uint8_t _agran[KVGRAN_COUNT * 36];  // the granularity table (KvGranularity entries)
-        uint8_t _abReserved[28];        // kept zero
-        uint32_t _pvCreatorBase;        // creator's mapping address (informative only)
-        uint8_t _fMemChecking;          // memory-checking switch
-        uint32_t _cWatchers;            // memory watchers handed out
+        uint8_t _abReserved[28];            // kept zero
+        uint32_t _pvCreatorBase;            // creator's mapping address (informative only)
+        uint8_t _fMemChecking;              // memory-checking switch
+        uint32_t _cWatchers;                // memory watchers handed out
     };
 
     KvGranularity(void* pv, uint32_t stSize, uint32_t cBlocksPerChunk);
@@ -101,18 +101,18 @@ public:
     static void _UnlockPools();
 
     // Fields of one table entry (36 bytes, order binding).
-    KvsPtr<char> _pchHead;       // free list; 0 = empty
-    uint32_t _stSize;            // block size; 0 marks an unused entry
-    uint32_t _cBlocksPerChunk;   // blocks carved at once
-    uint64_t _cAllocChecked;     // allocations while checking is on
-    uint64_t _cFreeChecked;      // frees while checking is on (counted down)
-    uint64_t _cNetUnchecked;     // allocations minus frees while checking is off
+    KvsPtr<char> _pchHead;      // free list; 0 = empty
+    uint32_t _stSize;           // block size; 0 marks an unused entry
+    uint32_t _cBlocksPerChunk;  // blocks carved at once
+    uint64_t _cAllocChecked;    // allocations while checking is on
+    uint64_t _cFreeChecked;     // frees while checking is on (counted down)
+    uint64_t _cNetUnchecked;    // allocations minus frees while checking is off
 
     // Per-process statics (never in the segment). _pvBase is in KvGranularityStatics.
     static inline Info* _poinf = nullptr;
     static inline KvGranularity* _aogran = nullptr;
     static inline uint32_t _stMax = 0;
-    static inline int _hMem = -1;                        // descriptor of the segment object
+    static inline int _hMem = -1;  // descriptor of the segment object
     static inline int32_t _s_cThisApplicationsAccess = 0;
     static inline char _s_szMemName[260] = {};
     static inline KvDeleteFunction sm_aDeleteFunctions[KVGRAN_MAX_DELETE_FUNCTIONS] = {};

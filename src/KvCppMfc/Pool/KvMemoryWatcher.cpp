@@ -75,8 +75,7 @@ KvGranularityMemoryWatcher* KvMapWatcher(const std::string& strName, bool fCreat
     if (it != map.end())
         return static_cast<KvGranularityMemoryWatcher*>(it->second->m_pv);
     auto pshm = std::make_unique<KvWatcherMapping>();
-    if (!pshm->OpenOrCreate(strObject, sizeof(KvGranularityMemoryWatcher), fCreateOk, pfCreated) ||
-        !pshm->Map()) {
+    if (!pshm->OpenOrCreate(strObject, sizeof(KvGranularityMemoryWatcher), fCreateOk, pfCreated) || !pshm->Map()) {
         if (*pfCreated)
             KvShmObject::Unlink(pshm->m_strName);
         pshm->Close();
@@ -136,8 +135,7 @@ KvGranularityMemoryWatcher* KvGranularityMemoryWatcher::_GetSharedWatcher(const 
         if (pszDescr == nullptr) {
             // Only an existing watcher can be opened by its chain name alone.
             KvDiscardWatcher(strName);
-            const std::string strText =
-                "KvGranularityMemoryWatcher::_GetSharedWatcher(): no watcher named " + strName;
+            const std::string strText = "KvGranularityMemoryWatcher::_GetSharedWatcher(): no watcher named " + strName;
             KvGranThrow(strText.c_str());
         }
         p->Init(pszName, pszDescr, cbSize);
@@ -241,8 +239,8 @@ void KvGranularityMemoryWatcher::DebugOutputGuid() const
 {
     const uint8_t* b = m_abGuid;
     char sz[48];
-    snprintf(sz, sizeof(sz), "{%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X}", b[3], b[2],
-             b[1], b[0], b[5], b[4], b[7], b[6], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
+    snprintf(sz, sizeof(sz), "{%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X}", b[3], b[2], b[1],
+             b[0], b[5], b[4], b[7], b[6], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
     _DebugOutput(sz);
 }
 
@@ -362,7 +360,7 @@ void KvGranularityMemoryState::DumpStatisticsToDebugOutput() const
         if (m_checkedAlloc.aGran[i] == 0 && m_checkedFree.aGran[i] == 0)
             continue;
         const uint32_t stSize = KvGranularity::_aogran != nullptr ? KvGranularity::_GetGranularity(i)->_stSize
-                                                                   : KvGranularity::_agranTemplate[i]._stSize;
+                                                                  : KvGranularity::_agranTemplate[i]._stSize;
         snprintf(sz, sizeof(sz), "Granularity 0x%x : %" PRId64 " objects", stSize,
                  static_cast<int64_t>(m_checkedAlloc.aGran[i]));
         _DebugOutput(sz);

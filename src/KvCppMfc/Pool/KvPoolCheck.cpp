@@ -92,8 +92,7 @@ void KvPoolCheck::CheckHeader()
                  ", outside the carved pool area [0x00010000, " + KvHexOffset(m_ofsCarvedEnd) + ")");
     }
     if (pInfo->_cAllocSharedMem < 1)
-        Fail("header: _cAllocSharedMem is " + std::to_string(pInfo->_cAllocSharedMem) +
-             " while a process is attached");
+        Fail("header: _cAllocSharedMem is " + std::to_string(pInfo->_cAllocSharedMem) + " while a process is attached");
     if (pInfo->_fMemChecking > 1)
         Fail("header: _fMemChecking is " + std::to_string(pInfo->_fMemChecking) + ", not 0 or 1");
     for (uint8_t b : pInfo->_abReserved)

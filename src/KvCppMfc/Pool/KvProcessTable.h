@@ -19,9 +19,9 @@ constexpr uint32_t KVGRAN_PROCESS_TABLE_SIZE = 1536;
 
 // State of an entry.
 enum : uint32_t {
-    KVPRC_FREE = 0,    // no process
-    KVPRC_LIVE = 1,    // attached; its token tells whether it still lives
-    KVPRC_ENDED = 2,   // found ended; being reaped (steps below record progress)
+    KVPRC_FREE = 0,   // no process
+    KVPRC_LIVE = 1,   // attached; its token tells whether it still lives
+    KVPRC_ENDED = 2,  // found ended; being reaped (steps below record progress)
 };
 
 // Steps of reaping that are done (dwDone), so that a reaper that dies half-way

@@ -24,8 +24,7 @@ static_assert(offsetof(KvGranularity::Info, _cAllocSharedMem) % alignof(int32_t)
               "the attachment count must be aligned for atomic access");
 static inline int32_t* KvAttachCount(KvGranularity::Info* pInfo)
 {
-    return reinterpret_cast<int32_t*>(reinterpret_cast<char*>(pInfo) +
-                                      offsetof(KvGranularity::Info, _cAllocSharedMem));
+    return reinterpret_cast<int32_t*>(reinterpret_cast<char*>(pInfo) + offsetof(KvGranularity::Info, _cAllocSharedMem));
 }
 
 namespace {
@@ -260,8 +259,8 @@ bool KvAllocNamedSharedMem(void** ppvBase, const char* pszName, uint32_t size, u
     if (*ppvBase != nullptr && fCreated)
         memset(*ppvBase, 0, cbCommitted);
     char sz[400];
-    snprintf(sz, sizeof(sz), "KvAllocNamedSharedMem(): pszName=%s pvBaseRet=0x%lx Size=0x%x Committed=0x%x",
-             pszName, static_cast<unsigned long>(reinterpret_cast<uintptr_t>(*ppvBase)), size, cbCommitted);
+    snprintf(sz, sizeof(sz), "KvAllocNamedSharedMem(): pszName=%s pvBaseRet=0x%lx Size=0x%x Committed=0x%x", pszName,
+             static_cast<unsigned long>(reinterpret_cast<uintptr_t>(*ppvBase)), size, cbCommitted);
     _DebugOutput(sz);
     KvGranularity::_s_cThisApplicationsAccess += 1;
     snprintf(KvGranularity::_s_szMemName, sizeof(KvGranularity::_s_szMemName), "%s", pszName);

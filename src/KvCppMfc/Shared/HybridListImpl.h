@@ -76,8 +76,8 @@ bool HybridList<T>::CheckStructure(std::string* pstrError) const
         vElems.push_back(p);
     }
     if (vElems.size() != m_cEntries)
-        return fail("the bottom list has " + std::to_string(vElems.size()) + " elements, m_cEntries = " +
-                    std::to_string(m_cEntries));
+        return fail("the bottom list has " + std::to_string(vElems.size()) +
+                    " elements, m_cEntries = " + std::to_string(m_cEntries));
     if (m_dwSortType <= KVHL_SEARCH_DESCENDING) {
         const bool bAscending = m_dwSortType == 0 || m_dwSortType == 2;
         for (size_t i = 1; i < vElems.size(); ++i) {
@@ -101,7 +101,8 @@ bool HybridList<T>::CheckStructure(std::string* pstrError) const
             return fail("an entry of the lowest level covers nothing");
         T* pExpected = iPos < vElems.size() ? vElems[iPos] : nullptr;
         if (q->m_pBottom.Get() != pExpected)
-            return fail("lowest entry " + std::to_string(vLevel.size()) + ": bottom is not the first element of its run");
+            return fail("lowest entry " + std::to_string(vLevel.size()) +
+                        ": bottom is not the first element of its run");
         iPos += q->m_cCount;
         vLevel.push_back(q);
     }

@@ -25,11 +25,17 @@ void KvSharedClassDelete(void* pv)
 // The per-class boilerplate: the class's registry index, its delete function and
 // operator delete (which gives the block back after a delete-expression has run
 // the destructor). Place it in the class body of every shared class.
-#define KV_SHARED_CLASS(X)                                                     \
-public:                                                                        \
-    static inline int32_t sm_iDeleteFunction = 0;                              \
-    static void __Delete(void* pv) { KvSharedClassDelete<X>(pv); }             \
-    static void operator delete(void* pv) { KvGranularity::_Free(pv, sizeof(X), nullptr); }
+#define KV_SHARED_CLASS(X)                            \
+public:                                               \
+    static inline int32_t sm_iDeleteFunction = 0;     \
+    static void __Delete(void* pv)                    \
+    {                                                 \
+        KvSharedClassDelete<X>(pv);                   \
+    }                                                 \
+    static void operator delete(void* pv)             \
+    {                                                 \
+        KvGranularity::_Free(pv, sizeof(X), nullptr); \
+    }
 
 // Registers X's delete function once per process under the given name (the name
 // and size enter the build fingerprint). Called from one place, in a fixed order.
@@ -72,5 +78,6 @@ X* KvNewShared(A&&... args)
 // Deletes any shared object through the delete function named by its first field.
 inline void KvDeleteShared(void* pv)
 {
-    KvGranularity::_GetDeleteFunction(*static_cast<const int32_t*>(pv))(pv);
+    const KvDeleteFunction pfnDelete = KvGranularity::_GetDeleteFunction(*static_cast<const int32_t*>(pv));
+    pfnDelete(pv);
 }

@@ -17,8 +17,7 @@
 template <class T>
 class KvSmartPtr;
 
-struct KvSmartPtrNewObject {
-};
+struct KvSmartPtrNewObject {};
 constexpr KvSmartPtrNewObject KvNewObject{};
 
 #pragma pack(push, 1)

@@ -13,8 +13,8 @@
 
 #include "KvCppMfc/Diag/KvDiag.h"
 #include "KvCppMfc/KvInitOrder.h"
-#include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvCppMfc/Platform/KvStaleNamespaces.h"
+#include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvCppMfc/Pool/KvProcessTable.h"
 #include "KvRfrSvr.h"
 #include "KvRfrSvr/Internal/CRsModel.h"
@@ -154,7 +154,7 @@ bool KvRsAttach()
     if (caught == KvRsCaught::Nothing && KvGranularity::_pvBase != nullptr)
         return true;
     KvRsStartUpFailed(caught == KvRsCaught::RsException ? ex.m_pszText
-                                                         : "the shared segment KVRFRSVR_MEM could not be attached");
+                                                        : "the shared segment KVRFRSVR_MEM could not be attached");
     return false;
 }
 

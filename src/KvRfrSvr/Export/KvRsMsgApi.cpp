@@ -107,7 +107,8 @@ long KvRsGetMsgCount(void)
     long c = 0;
     if (KvRsPollQueue(g_ptrThisPrcsQueue.Get(), &c))
         return c;
-    return KvRsFramedResult<long>(__LINE__, [&](long& cResult) { cResult = KvRsUse(g_ptrThisPrcsQueue)->GetMsgCount(); });
+    return KvRsFramedResult<long>(__LINE__,
+                                  [&](long& cResult) { cResult = KvRsUse(g_ptrThisPrcsQueue)->GetMsgCount(); });
 }
 
 KvRsMsgProxy KvRsGetMsg(void)
@@ -119,9 +120,8 @@ KvRsMsgProxy KvRsGetMsg(void)
 
 long KvRsGetQueueMsgCount(void* hQueue, unsigned long idQueue)
 {
-    return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
-        cResult = KvRsUse(KvRsQueue(hQueue, idQueue))->GetMsgCount();
-    });
+    return KvRsFramedResult<long>(__LINE__,
+                                  [&](long& cResult) { cResult = KvRsUse(KvRsQueue(hQueue, idQueue))->GetMsgCount(); });
 }
 
 KvRsMsgProxy KvRsGetQueueMsg(void* hQueue, unsigned long idQueue)

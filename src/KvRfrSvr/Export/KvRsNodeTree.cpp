@@ -106,8 +106,7 @@ KvRsNodeProxy KvRsAddChildNode(void* hParent, unsigned long idParent, const char
 KvRsNodeProxy KvRsGetAncestorsDescendantNode(void* hNode, unsigned long idNode, const char* path)
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
-        KvSmartPtr<CRsNode> ptrNode =
-            KvRsHandle2<CRsNode>(hNode, idNode);
+        KvSmartPtr<CRsNode> ptrNode = KvRsHandle2<CRsNode>(hNode, idNode);
         // The nearest ancestor that has a matching descendant wins.
         while (ptrNode.IsNotNull()) {
             KvSmartPtr<CRsNode> ptrFound = ptrNode->GetDescendant(KvRsTextOrFault(path));

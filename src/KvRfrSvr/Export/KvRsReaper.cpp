@@ -16,7 +16,7 @@ bool g_fKvRsReapPending = false;
 namespace {
 
 KV_INIT_STATICS KvLivenessToken s_token;  // this process's (made before the start-up runs)
-KvProcessEntry* s_pOwnEntry = nullptr;  // this process's entry, while registered
+KvProcessEntry* s_pOwnEntry = nullptr;    // this process's entry, while registered
 
 bool KvRsIsOwn(const KvProcessEntry& e)
 {

@@ -76,8 +76,8 @@ void CRsChecker::CheckEntryLinks()
                     KvHexOffset(ofsParent));
         if (ofsHln == 0)
             continue;
-        const Claim claim =
-            ClaimBlock(ofsHln, CRsKind::NodeHln, KvPoolCheck::PoolOf(sizeof(CRsNodeHln)), obj.m_strLabel + " entry link");
+        const Claim claim = ClaimBlock(ofsHln, CRsKind::NodeHln, KvPoolCheck::PoolOf(sizeof(CRsNodeHln)),
+                                       obj.m_strLabel + " entry link");
         if (claim == Claim::Bad)
             continue;
         if (claim == Claim::Seen || At<CRsNodeHln>(ofsHln)->m_ptr.Offset() != ofs)

@@ -29,7 +29,7 @@ struct CRsCheckCensus {
     uint32_t m_cConnects = 0;
     uint32_t m_cQueues = 0;
     uint32_t m_cMsgs = 0;
-    uint32_t m_cBlocks = 0;  // pool blocks of every kind, names and bytes included
+    uint32_t m_cBlocks = 0;                     // pool blocks of every kind, names and bytes included
     uint64_t m_acInUse[KVGRAN_COUNT] = {};      // blocks in use per pool, by the counters
     uint64_t m_acReachable[KVGRAN_COUNT] = {};  // of those, reached by the walk
     std::vector<CRsQueueUse> m_vQueues;         // in the order first reached

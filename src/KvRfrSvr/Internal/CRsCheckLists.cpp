@@ -209,14 +209,16 @@ void CRsChecker::WalkMsgList(uint32_t ofs, Obj& obj)
     for (uint32_t ofsNode = lst.m_pHead.Offset(); ofsNode != 0; ofsNode = At<Node>(ofsNode)->m_pNext.Offset()) {
         const Claim claim = c < cMax ? ClaimBlock(ofsNode, CRsKind::MsgNode, iPool, obj.m_strLabel) : Claim::Bad;
         if (claim != Claim::New) {
-            Problem(obj.m_strLabel + (claim == Claim::Seen ? ": the list runs in a cycle, or into another list, at " +
-                                                                 KvHexOffset(ofsNode)
-                                                           : ": the list breaks off") +
+            Problem(obj.m_strLabel +
+                    (claim == Claim::Seen
+                         ? ": the list runs in a cycle, or into another list, at " + KvHexOffset(ofsNode)
+                         : ": the list breaks off") +
                     " after " + std::to_string(c) + " messages");
             return;
         }
         const uint32_t ofsMsg = At<Node>(ofsNode)->m_data.Offset();
-        LinkObject(ofsMsg, CRsKind::Msg, CRsLink::Smart, "message " + KvHexOffset(ofsMsg) + " in the " + obj.m_strLabel);
+        LinkObject(ofsMsg, CRsKind::Msg, CRsLink::Smart,
+                   "message " + KvHexOffset(ofsMsg) + " in the " + obj.m_strLabel);
         ofsLast = ofsNode;
         ++c;
     }

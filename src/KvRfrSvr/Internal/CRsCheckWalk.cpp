@@ -72,10 +72,21 @@ std::string Printable(const char* psz)
 
 const char* CRsKindName(CRsKind eKind)
 {
-    static const char* const s_apsz[] = {"node",        "value",         "queue",       "message list",
-                                         "message",     "connection",    "refresh info", "child list",
-                                         "child entry", "client entry",  "child index entry",
-                                         "client index entry", "message list node", "name buffer", "value bytes"};
+    static const char* const s_apsz[] = {"node",
+                                         "value",
+                                         "queue",
+                                         "message list",
+                                         "message",
+                                         "connection",
+                                         "refresh info",
+                                         "child list",
+                                         "child entry",
+                                         "client entry",
+                                         "child index entry",
+                                         "client index entry",
+                                         "message list node",
+                                         "name buffer",
+                                         "value bytes"};
     return s_apsz[static_cast<size_t>(eKind)];
 }
 
@@ -182,8 +193,8 @@ void CRsChecker::CheckText(const KvString& str, const std::string& strWhat)
     }
     const uint32_t ofsText = str.m_psz.Offset();
     if (ofsText != 0) {
-        const uint32_t iPool =
-            (str.m_pGran.Offset() - static_cast<uint32_t>(offsetof(KvGranularity::Info, _agran))) / sizeof(KvGranularity);
+        const uint32_t iPool = (str.m_pGran.Offset() - static_cast<uint32_t>(offsetof(KvGranularity::Info, _agran))) /
+                               sizeof(KvGranularity);
         ClaimBlock(ofsText, CRsKind::Text, iPool, strWhat);
     }
 }
@@ -249,8 +260,8 @@ void CRsChecker::WalkValue(uint32_t ofs, Obj& obj)
     const uint32_t ofsBytes = p->m_pvStorage.Offset();
     const int32_t cBytes = p->m_cBytes;
     if ((ofsBytes == 0) != (cBytes == 0) || cBytes < 0) {
-        Problem(obj.m_strLabel + " (" + KvHexOffset(ofs) + "): storage " + KvHexOffset(ofsBytes) + " with a byte count of " +
-                std::to_string(cBytes));
+        Problem(obj.m_strLabel + " (" + KvHexOffset(ofs) + "): storage " + KvHexOffset(ofsBytes) +
+                " with a byte count of " + std::to_string(cBytes));
         return;
     }
     if (ofsBytes == 0)
@@ -270,7 +281,8 @@ void CRsChecker::WalkConnect(uint32_t ofs, Obj& obj)
     if (ofsQueue == 0)
         Problem(obj.m_strLabel + ": it has no queue");
     else
-        LinkObject(ofsQueue, CRsKind::Queue, CRsLink::Smart, "queue " + KvHexOffset(ofsQueue) + " of " + obj.m_strLabel);
+        LinkObject(ofsQueue, CRsKind::Queue, CRsLink::Smart,
+                   "queue " + KvHexOffset(ofsQueue) + " of " + obj.m_strLabel);
     if (p->m_cConnect < 1)
         Problem(obj.m_strLabel + ": its count of connects is " + std::to_string(p->m_cConnect) +
                 ", but a linked connection has at least 1");

@@ -15,8 +15,21 @@
 #include "CRsModel.h"
 
 enum class CRsKind : uint8_t {
-    Node, Value, Queue, MsgList, Msg, Connect, RefreshInfo, ChildList,  // counted objects
-    NodeHln, ConnectHln, NodeTop, ConnectTop, MsgNode, Text, Bytes       // plain blocks
+    Node,
+    Value,
+    Queue,
+    MsgList,
+    Msg,
+    Connect,
+    RefreshInfo,
+    ChildList,  // counted objects
+    NodeHln,
+    ConnectHln,
+    NodeTop,
+    ConnectTop,
+    MsgNode,
+    Text,
+    Bytes  // plain blocks
 };
 
 // How a link found in the tree counts on its target.
@@ -44,8 +57,8 @@ private:
         bool m_bHeaderOk = true;    // false: not walked (wrong class or destroyed)
         bool m_bInTree = false;     // reached from the root through child lists
         bool m_bRoot = false;
-        std::string m_strLabel;     // how reports name it
-        std::string m_strPath;      // node: dotted path, when reached through the tree
+        std::string m_strLabel;  // how reports name it
+        std::string m_strPath;   // node: dotted path, when reached through the tree
     };
 
     // --- blocks and objects (CRsCheckWalk.cpp) ---------------------------------
@@ -104,7 +117,7 @@ private:
     std::unordered_map<uint32_t, Obj> m_mapObjs;      // the counted objects among them
     std::vector<uint32_t> m_vWork;                    // tree nodes and child lists still to walk
     std::vector<uint32_t> m_vLater;                   // every other object still to walk
-    std::vector<uint32_t> m_vQueues;                     // queues in the order reached
+    std::vector<uint32_t> m_vQueues;                  // queues in the order reached
 };
 
 // Name of a kind in report lines ("node", "child entry", ...).

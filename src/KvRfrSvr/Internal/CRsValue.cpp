@@ -38,8 +38,8 @@ void CRsValue::SetBytes(const void* pvSource, int32_t cBytes)
     ReleaseStorage();
     if (cBytes <= 0 || pvSource == nullptr)
         return;
-    char* pb = static_cast<char*>(
-        KvGranularity::_Alloc(static_cast<uint32_t>(cBytes), KvGranularity::_GetDefaultWatcher()));
+    char* pb =
+        static_cast<char*>(KvGranularity::_Alloc(static_cast<uint32_t>(cBytes), KvGranularity::_GetDefaultWatcher()));
     KvCopyBytes(pb, pvSource, static_cast<size_t>(cBytes));  // the caller's buffer
     m_pvStorage = pb;
     m_cBytes = cBytes;
