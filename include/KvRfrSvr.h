@@ -372,7 +372,9 @@ public:
         if (m_pvHandle != 0)
             KvRsAddRef(m_pvHandle, m_dwId);
     }
-    KvRsProxy& operator=(const KvRsProxy& o)
+    /* SetRef takes the new reference before it releases the old one, so
+     * assigning a proxy to itself is safe. */
+    KvRsProxy& operator=(const KvRsProxy& o)  // NOLINT(bugprone-unhandled-self-assignment)
     {
         SetRef(o.m_pvHandle, o.m_dwId);
         return *this;
@@ -418,7 +420,7 @@ class KvRsMsgProxy : public KvRsProxy {};
 class KvRsNodeProxy : public KvRsProxy {
 public:
     /* The first child when prev is empty, else the child after prev. */
-    KvRsNodeProxy GetChild(KvRsNodeProxy prev = KvRsNodeProxy()) const
+    KvRsNodeProxy GetChild(const KvRsNodeProxy& prev = KvRsNodeProxy()) const
     {
         return KvRsGetChildNode(GetHandle(), GetId(), prev.GetHandle(), prev.GetId());
     }

@@ -3,7 +3,7 @@
 #   tools/install-deps.sh demo    the library and kvrs
 #   tools/install-deps.sh test    + GoogleTest, Google Benchmark, Boost headers,
 #                                 the i386 toolchain, clang's libFuzzer, strace
-#   tools/install-deps.sh ci      + what CI alone needs (same as test today)
+#   tools/install-deps.sh ci      + what CI alone needs: clang-format, clang-tidy
 # Packages already present are left alone, so a set-up machine pays one dpkg
 # query per package. As root it runs apt-get itself, otherwise through sudo
 # when sudo works without a password; failing both it prints the one command
@@ -14,9 +14,12 @@ job=${1:-test}
 pkgs=(g++ cmake make libcli11-dev)
 case "$job" in
   demo) ;;
-  test|ci)
+  test)
     pkgs+=(pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev libboost-dev
            g++-multilib clang libclang-rt-14-dev strace) ;;
+  ci)
+    pkgs+=(pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev libboost-dev
+           g++-multilib clang libclang-rt-14-dev strace clang-format clang-tidy) ;;
   *) echo "install-deps.sh: unknown job '$job' (demo, test or ci)" >&2; exit 2 ;;
 esac
 

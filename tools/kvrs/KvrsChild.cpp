@@ -14,8 +14,6 @@
 #include "KvCppMfc/Platform/KvPlatform.h"
 #include "KvrsCommon.h"
 
-extern char** environ;
-
 namespace {
 
 const char* const kapszReportPrefixes[] = {"SUMMARY ", "LATENCY "};
@@ -34,8 +32,9 @@ std::vector<std::string> ChildEnvironment(const std::string& strNamespace)
 std::vector<char*> PointerArray(std::vector<std::string>& vstr)
 {
     std::vector<char*> vpsz;
+    vpsz.reserve(vstr.size() + 1);
     for (std::string& str : vstr)
-        vpsz.push_back(&str[0]);
+        vpsz.push_back(str.data());
     vpsz.push_back(nullptr);
     return vpsz;
 }

@@ -214,7 +214,7 @@ KvrsValue KvrsReadValue(const KvRsValueProxy& value)
     // Type, size and bytes in one hold of the mutex: another process may set
     // the value between the calls.
     KvRsRequestMutex();
-    v.m_dwType = KvRsGetValueType(value.GetHandle(), value.GetId());
+    v.m_dwType = static_cast<uint32_t>(KvRsGetValueType(value.GetHandle(), value.GetId()));  // 32-bit types
     const long cb = KvRsGetValueByteCount(value.GetHandle(), value.GetId());
     if (cb > 0) {
         v.m_ab.resize(static_cast<size_t>(cb));

@@ -131,7 +131,8 @@ bool Demo::PrintSummary()
         if (sscanf(str.c_str(), "LATENCY n=%lld p50=%lld p90=%lld p99=%lld max=%lld", &n, &p50, &p90, &p99, &max) == 5)
             printf("round trip publisher -> listener -> publisher, %lld samples: "
                    "p50 %.3f ms, p90 %.3f ms, p99 %.3f ms, max %.3f ms\n",
-                   n, p50 / 1000.0, p90 / 1000.0, p99 / 1000.0, max / 1000.0);
+                   n, static_cast<double>(p50) / 1000.0, static_cast<double>(p90) / 1000.0,
+                   static_cast<double>(p99) / 1000.0, static_cast<double>(max) / 1000.0);
     }
     return bAllReported && bNotificationsOk && bEchoesOk;
 }

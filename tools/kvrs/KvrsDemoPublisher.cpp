@@ -160,7 +160,9 @@ void Publisher::Report() const
     printf("SUMMARY sent=%ld received=%ld\n", m_cSent, m_cEchoes);
     std::vector<int64_t> v(m_vRoundTrips);
     std::sort(v.begin(), v.end());
-    auto pct = [&v](double d) { return v.empty() ? 0 : v[std::min(v.size() - 1, static_cast<size_t>(d * v.size()))]; };
+    auto pct = [&v](double d) {
+        return v.empty() ? 0 : v[std::min(v.size() - 1, static_cast<size_t>(d * static_cast<double>(v.size())))];
+    };
     printf("LATENCY n=%zu p50=%lld p90=%lld p99=%lld max=%lld\n", v.size(), static_cast<long long>(pct(0.5)),
            static_cast<long long>(pct(0.9)), static_cast<long long>(pct(0.99)),
            static_cast<long long>(v.empty() ? 0 : v.back()));

@@ -41,7 +41,9 @@ void CheckSubcommandName(CLI::App& app, int argc, char** argv)
 
 }  // namespace
 
-int main(int argc, char** argv)
+namespace {
+
+int Run(int argc, char** argv)
 {
     // Every process releases one root reference when it exits, whether it made
     // the root or not. Taking one now and keeping it means a short command never
@@ -83,4 +85,22 @@ int main(int argc, char** argv)
     }
     fflush(stdout);
     return KVRS_EXIT_OK;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    // Anything else that goes wrong (out of memory in the tool itself) is one
+    // line and status 1, never an abort.
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& e) {
+        fflush(stdout);
+        fprintf(stderr, "kvrs: %s\n", e.what());
+    } catch (...) {
+        fflush(stdout);
+        fprintf(stderr, "kvrs: unexpected failure\n");
+    }
+    return KVRS_EXIT_FAILED;
 }

@@ -64,7 +64,8 @@ static void KvWriteDebugHeader(const char* pszDefaultPath)
 
 bool OpenDebugEx(const char* pszDefaultPath, const char* pszEnvName)
 {
-    std::string strDir = getenv("KVLOGFILEDIR") != nullptr ? getenv("KVLOGFILEDIR") : "./";
+    const char* pszDir = getenv("KVLOGFILEDIR");
+    std::string strDir = pszDir != nullptr ? pszDir : "./";
     if (strDir.empty() || strDir.back() != '/')
         strDir += '/';
     const char* pszEnv = pszEnvName != nullptr ? getenv(pszEnvName) : nullptr;

@@ -29,7 +29,7 @@ std::string KvSegmentSuffix(int fdDir, const char* pszName)
 {
     if (strncmp(pszName, kSegment, sizeof(kSegment) - 1) != 0)
         return "";
-    const std::string strSuffix = pszName + sizeof(kSegment) - 2;  // from the "."
+    std::string strSuffix = pszName + sizeof(kSegment) - 2;  // from the "."
     if (strSuffix.size() < 5 || (strSuffix.compare(strSuffix.size() - 3, 3, ".32") != 0 &&
                                  strSuffix.compare(strSuffix.size() - 3, 3, ".64") != 0))
         return "";
@@ -103,7 +103,7 @@ int KvRemoveStaleNamespaces()
     std::vector<std::string> vstrAll, vstrSuffixes;
     const std::string strOwn = KvNamespaceSuffix();
     while (dirent* pent = readdir(pdir)) {
-        vstrAll.push_back(pent->d_name);
+        vstrAll.emplace_back(pent->d_name);
         const std::string strSuffix = KvSegmentSuffix(dirfd(pdir), pent->d_name);
         if (!strSuffix.empty() && strSuffix != strOwn)
             vstrSuffixes.push_back(strSuffix);

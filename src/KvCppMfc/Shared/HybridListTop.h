@@ -211,10 +211,9 @@ template <class T>
 bool QTopNode<T>::SubNodeInserted(T* pSub)
 {
     m_cCount += 1;
-    if (m_pBottom.IsNull())
+    // The first entry, or one that went in front of the run, is the new bottom.
+    if (m_pBottom.IsNull() || pSub->GetNext() == m_pBottom.Get())
         SetBottomNode(pSub);
-    else if (pSub->GetNext() == m_pBottom.Get())
-        SetBottomNode(pSub);  // went in front of the run
     if (m_cCount >= KVHL_SPLIT_LOWEST)
         Split();
     return true;

@@ -132,7 +132,9 @@ public:
         }
         return *this;
     }
-    KvSmartPtr& operator=(KvSmartPtr&& o)
+    // Not noexcept: releasing the old object may raise (a fault in a wrecked
+    // segment becomes the library's exception).
+    KvSmartPtr& operator=(KvSmartPtr&& o)  // NOLINT(performance-noexcept-move-constructor)
     {
         if (this != &o) {
             RmvRef();

@@ -15,6 +15,8 @@ KvSmartPtr<CRsQueue> KvRsQueue(void* h, unsigned long id)
 }
 }  // namespace
 
+// The proxies come by value: the public signature says so.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 KvRsMsgProxy KvRsCreateMsg(unsigned long type, KvRsValueProxy value, KvRsNodeProxy changedNode, void* hTarget,
                            unsigned long idTarget)
 {
