@@ -3,15 +3,25 @@
 //
 //   kvrs_example_subscriber [PATH] [COUNT]    (default: example.counter 10)
 //
-// Nothing is pushed to a process: it polls its default queue.
+// It sleeps in KvRsWaitMsg until a message comes, so it uses no CPU while idle,
+// and it ends cleanly on SIGINT or SIGTERM: returning from main removes its
+// connection from the tree.
 #include <KvRfrSvr.h>
+#include <KvRfrSvrWait.h>
 
-#include <chrono>
+#include <signal.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
+
+static volatile sig_atomic_t s_fStop = 0;
+
+static void OnStop(int)
+{
+    s_fStop = 1;
+}
 
 // The bytes of a message's value as text.
 static std::string ValueText(const KvRsValueProxy& value)
@@ -29,6 +39,12 @@ int main(int argc, char** argv)
     const char* pszPath = argc > 1 ? argv[1] : "example.counter";
     const int cCount = argc > 2 ? atoi(argv[2]) : 10;
 
+    // Without SA_RESTART, so that a signal ends a wait at once.
+    struct sigaction sa = {};
+    sa.sa_handler = OnStop;
+    sigaction(SIGINT, &sa, 0);
+    sigaction(SIGTERM, &sa, 0);
+
     // Take the root reference that our exit will release (see the README).
     KvRsNodeProxy root = KvRsCreateNode("", 0, 0);
     KvRsAddRef(root.GetHandle(), root.GetId());
@@ -42,10 +58,12 @@ int main(int argc, char** argv)
     fflush(stdout);
 
     int cReceived = 0;
-    while (cReceived < cCount) {
+    while (cReceived < cCount && !s_fStop) {
         KvRsMsgProxy msg = KvRsGetMsg();
         if (msg.IsNull()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));  // poll gently
+            // A second at most: a signal that lands just before the wait
+            // begins is seen within that.
+            KvRsWaitMsg(0, 0, 1000);
             continue;
         }
         void* hMsgTarget = 0;

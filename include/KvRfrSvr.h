@@ -112,9 +112,8 @@
  *     leaves the child blocked until the mutex is released, and a parent
  *     that then waits for the child while holding the mutex deadlocks.
  *     Release the mutex before fork().  A child that calls exec() or _exit()
- *     runs no clean-up; its connections stay like those of a killed process,
- *     and the attachment count that `kvrs stats` shows stays one too high
- *     (nothing else depends on that count).
+ *     runs no clean-up; like a killed process it is reaped (see below), which
+ *     also corrects the attachment count that `kvrs stats` shows.
  *   - Namespaces: processes share a tree when they share a namespace, which
  *     is $KVRFRSVR_NAMESPACE when set and non-empty, else one per user.  It
  *     is read when the library loads.  32-bit and 64-bit processes never

@@ -8,8 +8,12 @@
 
 namespace kvcmp {
 
-std::unique_ptr<RoundTripPeer> MakeKvRsPeer();
+// How a side learns of its message: polling the count, blocking in
+// KvRsWaitMsg, or epoll on the descriptor of KvRsGetWaitFd.
+enum class KvRsReceive { Poll, Wait, Epoll };
+
+std::unique_ptr<RoundTripPeer> MakeKvRsPeer(KvRsReceive eHow);
 // Entry of the partner process: echoes cTotal pings; returns the exit status.
-int KvRsPartnerMain(long cTotal);
+int KvRsPartnerMain(long cTotal, KvRsReceive eHow);
 
 }  // namespace kvcmp

@@ -78,8 +78,10 @@ int main(int argc, char** argv)
 {
     EnsurePrivateNamespace(argv);
 #ifdef KVCMP_WITH_KVRS
-    if (argc >= 3 && strcmp(argv[1], "--kvrs-partner") == 0)
-        return KvRsPartnerMain(atol(argv[2]));
+    if (argc >= 4 && strcmp(argv[1], "--kvrs-partner") == 0)
+        return KvRsPartnerMain(atol(argv[2]), strcmp(argv[3], "poll") == 0   ? KvRsReceive::Poll
+                                              : strcmp(argv[3], "wait") == 0 ? KvRsReceive::Wait
+                                                                             : KvRsReceive::Epoll);
 #endif
     const Options o = ParseOptions(argc, argv, 2000);
     const bool fTwoCpus = AllowedCpuCount() >= 2;
@@ -88,7 +90,9 @@ int main(int argc, char** argv)
 
     std::vector<std::unique_ptr<RoundTripPeer>> peers;
 #ifdef KVCMP_WITH_KVRS
-    peers.push_back(MakeKvRsPeer());
+    peers.push_back(MakeKvRsPeer(KvRsReceive::Poll));
+    peers.push_back(MakeKvRsPeer(KvRsReceive::Wait));
+    peers.push_back(MakeKvRsPeer(KvRsReceive::Epoll));
 #endif
     for (auto& p : MakeBasicPeers())
         peers.push_back(std::move(p));
