@@ -42,6 +42,7 @@ start=$(date +%s)
 for ((i = 0; i < runs; i++)); do
   "$bin/compare_roundtrip" "${args[@]}" >>"$raw"
   "$bin/compare_tree" "${args[@]}" >>"$raw"
+  [ -x "$bin/compare_wakeup" ] && "$bin/compare_wakeup" "${args[@]}" >>"$raw"
 done
 awk -f "$here/compare/merge_runs.awk" "$raw" >"$rows"
 if ! grep -q $'^ROW\tRound trip.*\tKvRfrSvr' "$rows"; then

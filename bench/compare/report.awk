@@ -41,6 +41,13 @@ function ratio_goal(what, g, peer, limit,    o, p) {
     goal(what, "<= " limit "x", sprintf("%.2fx (%s vs %s)", o / p, fmt(o, "ns"), fmt(p, "ns")), o <= limit * p)
 }
 
+# Two rows of one group: mine against peer.
+function pair_goal(what, g, mine, peer, limit,    o, p) {
+    if (!((g SUBSEP mine) in val) || !((g SUBSEP peer) in val)) { goal(what, "<= " limit "x", "not measured", 0); return }
+    o = val[g SUBSEP mine]; p = val[g SUBSEP peer]
+    goal(what, "<= " limit "x", sprintf("%.2fx (%s vs %s)", o / p, fmt(o, "ns"), fmt(p, "ns")), o <= limit * p)
+}
+
 function abs_goal(what, g, limit, u,    o) {
     if (g == "" || !(g in ours)) { goal(what, "<= " fmt(limit, u), "not measured", 0); return }
     o = ours[g]
@@ -80,4 +87,10 @@ END {
     else
         goal("Child lookup among 1M vs among 1k", "<= 3x", "not measured", 0)
     abs_goal("Bytes per leaf node, 100k leaves", find_group("Bytes per leaf node (100k", 0), 100, "B")
+    pair_goal("Round trip, both sides blocked in KvRsWaitMsg, vs a pipe pair", rt, "KvRfrSvr notify + KvRsWaitMsg", "pipe pair", 0.25)
+    pair_goal("Round trip, both sides in epoll on KvRsGetWaitFd, vs a pipe pair", rt, "KvRfrSvr notify + epoll on KvRsGetWaitFd", "pipe pair", 0.5)
+    wk = "Wake-up of a receiver asleep for 5 ms"
+    pair_goal("Wake-up after sleep, KvRsWaitMsg vs a pipe", wk, "KvRfrSvr notify, KvRsWaitMsg", "pipe, blocking read", 1.25)
+    pair_goal("Wake-up after sleep, epoll vs a pipe", wk, "KvRfrSvr notify, epoll on KvRsGetWaitFd", "pipe, blocking read", 1.5)
+    abs_goal("CPU of an idle waiter in 2 s", "CPU used by an idle waiter in 2 s", 20000000, "ns")
 }

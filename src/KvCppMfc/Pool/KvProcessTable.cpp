@@ -76,11 +76,36 @@ void KvProcessTableRemove(KvProcessEntry* pEntry)
     // a process that is being reaped) sees it move on, never a reset.
 }
 
+namespace {
+// Wake words this thread moved on and has not woken yet; a notification
+// reaches a handful of processes, and a repeated one is woken once.
+constexpr int kcPendingMax = 16;
+thread_local uint32_t* t_apwPending[kcPendingMax];
+thread_local int t_cPending = 0;
+}  // namespace
+
 void KvProcessTableWake(uint32_t dwPid)
 {
     KvProcessEntry* p = KvProcessTableFindPid(dwPid);
     if (p == nullptr || __atomic_load_n(&p->cWaiters, __ATOMIC_SEQ_CST) == 0)
         return;
     __atomic_add_fetch(&p->dwWake, 1, __ATOMIC_SEQ_CST);
-    KvWaitWordWakeAll(&p->dwWake);
+    for (int i = 0; i < t_cPending; ++i)
+        if (t_apwPending[i] == &p->dwWake)
+            return;
+    if (t_cPending == kcPendingMax)
+        KvProcessTableWakeNow();  // a wide fan-out wakes in batches
+    t_apwPending[t_cPending++] = &p->dwWake;
+}
+
+void KvProcessTableWakeNow()
+{
+    for (int i = 0; i < t_cPending; ++i)
+        KvWaitWordWakeAll(t_apwPending[i]);
+    t_cPending = 0;
+}
+
+bool KvProcessTableWakesPending()
+{
+    return t_cPending != 0;
 }

@@ -67,9 +67,15 @@ KvProcessEntry* KvProcessTableFindPid(uint32_t dwPid);
 KvProcessEntry* KvProcessTableAdd(uint32_t dwPid, uint64_t qwStartTime, uint32_t ofsDefaultQueue);
 // The entry of that process, or null.
 KvProcessEntry* KvProcessTableFind(uint32_t dwPid, uint64_t qwStartTime);
-// After a message was put into a queue of process dwPid: wakes its sleeping
-// threads. A process with none asleep costs the notifier a probe and a load.
+// After a message was put into a queue of process dwPid: its sleeping threads
+// are to be woken. A process with none asleep costs the notifier a probe and a
+// load. The wake itself is held back until KvProcessTableWakeNow, which the
+// caller runs once it has released the global mutex: a receiver woken earlier
+// would only find the mutex held and wait for it.
 void KvProcessTableWake(uint32_t dwPid);
+void KvProcessTableWakeNow();
+// True while this thread holds back wakes.
+bool KvProcessTableWakesPending();
 
 // Frees an entry.
 void KvProcessTableRemove(KvProcessEntry* pEntry);

@@ -102,6 +102,7 @@ void KvRsAtExit()
     KvRsExitStep("KvRfrSvr release of the root", KVPRC_DONE_ROOT, [] { KvRsReleaseRoot(); });
     KvRsExitStep("KvRfrSvr release of the default queue", KVPRC_DONE_QUEUE, [] { g_ptrThisPrcsQueue.RmvRef(); });
     KvRsRunStep("KvRfrSvr process table", [] { KvRsUnregisterThisProcess(); });
+    KvProcessTableWakeNow();  // nothing may point into the segment once it is gone
     KvRsRunStep("KvRfrSvr release of the segment", [] { KvGranularity::_FreeMem(); });
     s_mtxGlobal.Unlock();
     s_mtxGlobal.Close();
@@ -227,6 +228,10 @@ bool KvRsGlobalOwned()
 void KvRsUnlockGlobal()
 {
     s_mtxGlobal.Unlock();
+    // Receivers of what this thread notified are woken once the mutex is free
+    // (the segment stays mapped: the exit clean-up wakes before it unmaps).
+    if (KvProcessTableWakesPending() && !s_mtxGlobal.IsOwned())
+        KvProcessTableWakeNow();
 }
 
 uint32_t KvRsBeginUnlockedRead()

@@ -194,7 +194,7 @@ void CRsChecker::CheckText(const KvString& str, const std::string& strWhat)
     const uint32_t ofsText = str.m_psz.Offset();
     if (ofsText != 0) {
         const uint32_t iPool = (str.m_pGran.Offset() - static_cast<uint32_t>(offsetof(KvGranularity::Info, _agran))) /
-                               sizeof(KvGranularity);
+                               static_cast<uint32_t>(sizeof(KvGranularity));
         ClaimBlock(ofsText, CRsKind::Text, iPool, strWhat);
     }
 }
