@@ -122,7 +122,8 @@ namespace {
 // two of its sleeps goes unannounced.
 struct KvRsWaitFd {
     int fd = -1;
-    std::thread* pThread = nullptr;  // never destroyed while the process runs
+    std::thread* pThread = nullptr;     // joined and deleted at exit
+    std::thread* pInherited = nullptr;  // a fork child's copy of the parent's
     bool fStop = false;
 };
 
@@ -199,6 +200,7 @@ void KvRsStopWaitFd()
     KvWaitWordWakeAll(&pEntry->dwWake);
     w.pThread->join();
     __atomic_sub_fetch(&pEntry->cWaiters, 1, __ATOMIC_SEQ_CST);
+    delete w.pThread;
     w.pThread = nullptr;
 }
 
@@ -207,7 +209,8 @@ void KvRsStopWaitFd()
 void KvRsForgetWaitFd()
 {
     KvRsWaitFd& w = KvRsFd();
-    w.pThread = nullptr;  // the parent's; not ours to join or delete
+    w.pInherited = w.pThread;  // the parent's: never joined or deleted here
+    w.pThread = nullptr;
     w.fd = -1;
     w.fStop = false;
 }
