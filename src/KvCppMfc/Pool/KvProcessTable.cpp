@@ -87,15 +87,15 @@ thread_local int t_cPending = 0;
 void KvProcessTableWake(uint32_t dwPid)
 {
     KvProcessEntry* p = KvProcessTableFindPid(dwPid);
-    if (p == nullptr || __atomic_load_n(&p->cWaiters, __ATOMIC_SEQ_CST) == 0)
+    if (p == nullptr || __atomic_load_n(KvSleeperCount(p), __ATOMIC_SEQ_CST) == 0)
         return;
-    __atomic_add_fetch(&p->dwWake, 1, __ATOMIC_SEQ_CST);
+    __atomic_add_fetch(KvWakeWord(p), 1, __ATOMIC_SEQ_CST);
     for (int i = 0; i < t_cPending; ++i)
-        if (t_apwPending[i] == &p->dwWake)
+        if (t_apwPending[i] == KvWakeWord(p))
             return;
     if (t_cPending == kcPendingMax)
         KvProcessTableWakeNow();  // a wide fan-out wakes in batches
-    t_apwPending[t_cPending++] = &p->dwWake;
+    t_apwPending[t_cPending++] = KvWakeWord(p);
 }
 
 void KvProcessTableWakeNow()

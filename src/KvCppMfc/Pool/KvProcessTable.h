@@ -58,6 +58,20 @@ struct KvProcessTableInfo {
 };
 constexpr uint32_t KVGRAN_PROCESS_TABLE_INFO_OFFSET = KVGRAN_PROCESS_TABLE_OFFSET - 0x100;
 
+// The wake word and the sleeper count through aligned views, for their
+// atomics: the entry is packed, but the table lies on a page and both fields at
+// 4-byte offsets within their 32-byte entry.
+static_assert(offsetof(KvProcessEntry, dwWake) % 4 == 0 && offsetof(KvProcessEntry, cWaiters) % 4 == 0,
+              "the wake word and the sleeper count are aligned");
+inline uint32_t* KvWakeWord(KvProcessEntry* p)
+{
+    return reinterpret_cast<uint32_t*>(reinterpret_cast<char*>(p) + offsetof(KvProcessEntry, dwWake));
+}
+inline uint32_t* KvSleeperCount(KvProcessEntry* p)
+{
+    return reinterpret_cast<uint32_t*>(reinterpret_cast<char*>(p) + offsetof(KvProcessEntry, cWaiters));
+}
+
 // The table of the attached segment; null when none is attached.
 KvProcessEntry* KvProcessTable();
 // The live entry of that pid (any start time), or null; a few loads.

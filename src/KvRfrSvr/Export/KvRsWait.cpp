@@ -97,12 +97,12 @@ long KvRsWaitMsg(void* hQueue, unsigned long idQueue, long msTimeout)
             cmsSleep = cmsSleep < 0 || cmsSleep > 1 ? 1 : cmsSleep;  // not wakeable: poll
             std::this_thread::sleep_for(std::chrono::milliseconds(cmsSleep));
         } else {
-            const uint32_t dwSeen = __atomic_load_n(&pEntry->dwWake, __ATOMIC_SEQ_CST);
-            __atomic_add_fetch(&pEntry->cWaiters, 1, __ATOMIC_SEQ_CST);
+            const uint32_t dwSeen = __atomic_load_n(KvWakeWord(pEntry), __ATOMIC_SEQ_CST);
+            __atomic_add_fetch(KvSleeperCount(pEntry), 1, __ATOMIC_SEQ_CST);
             int rc = 0;
             if ((c = KvRsCountOf(hQueue, idQueue, pQueue)) == 0)
-                rc = KvWaitWordSleep(&pEntry->dwWake, dwSeen, cmsSleep);
-            __atomic_sub_fetch(&pEntry->cWaiters, 1, __ATOMIC_SEQ_CST);
+                rc = KvWaitWordSleep(KvWakeWord(pEntry), dwSeen, cmsSleep);
+            __atomic_sub_fetch(KvSleeperCount(pEntry), 1, __ATOMIC_SEQ_CST);
             if (c > 0)
                 return c;
             if (rc == EINTR)
@@ -135,10 +135,10 @@ KvRsWaitFd& KvRsFd()
 
 void KvRsFdThread(KvProcessEntry* pEntry, int fd)
 {
-    uint32_t dwSeen = __atomic_load_n(&pEntry->dwWake, __ATOMIC_SEQ_CST);
+    uint32_t dwSeen = __atomic_load_n(KvWakeWord(pEntry), __ATOMIC_SEQ_CST);
     while (!__atomic_load_n(&KvRsFd().fStop, __ATOMIC_SEQ_CST)) {
-        KvWaitWordSleep(&pEntry->dwWake, dwSeen, -1);
-        const uint32_t dwNow = __atomic_load_n(&pEntry->dwWake, __ATOMIC_SEQ_CST);
+        KvWaitWordSleep(KvWakeWord(pEntry), dwSeen, -1);
+        const uint32_t dwNow = __atomic_load_n(KvWakeWord(pEntry), __ATOMIC_SEQ_CST);
         if (dwNow != dwSeen && !__atomic_load_n(&KvRsFd().fStop, __ATOMIC_SEQ_CST)) {
             const uint64_t u = 1;
             ssize_t cb = write(fd, &u, sizeof(u));
@@ -175,11 +175,11 @@ int KvRsGetWaitFd(void)
         KvRsFdFail(strerror(errno));
         return -1;
     }
-    __atomic_add_fetch(&pEntry->cWaiters, 1, __ATOMIC_SEQ_CST);
+    __atomic_add_fetch(KvSleeperCount(pEntry), 1, __ATOMIC_SEQ_CST);
     try {
         w.pThread = new std::thread(&KvRsFdThread, pEntry, fd);
     } catch (...) {
-        __atomic_sub_fetch(&pEntry->cWaiters, 1, __ATOMIC_SEQ_CST);
+        __atomic_sub_fetch(KvSleeperCount(pEntry), 1, __ATOMIC_SEQ_CST);
         close(fd);
         KvRsFdFail("no thread could be started for it");
         return -1;
@@ -196,10 +196,10 @@ void KvRsStopWaitFd()
     if (w.pThread == nullptr || pEntry == nullptr)
         return;
     __atomic_store_n(&w.fStop, true, __ATOMIC_SEQ_CST);
-    __atomic_add_fetch(&pEntry->dwWake, 1, __ATOMIC_SEQ_CST);
-    KvWaitWordWakeAll(&pEntry->dwWake);
+    __atomic_add_fetch(KvWakeWord(pEntry), 1, __ATOMIC_SEQ_CST);
+    KvWaitWordWakeAll(KvWakeWord(pEntry));
     w.pThread->join();
-    __atomic_sub_fetch(&pEntry->cWaiters, 1, __ATOMIC_SEQ_CST);
+    __atomic_sub_fetch(KvSleeperCount(pEntry), 1, __ATOMIC_SEQ_CST);
     delete w.pThread;
     w.pThread = nullptr;
 }
