@@ -168,7 +168,9 @@ static uint64_t KvRoundUp(uint64_t v, uint64_t step)
 
 bool KvGranularity::IsExhausted() const
 {
-    if (_stSize == 0 || _pvBase == nullptr)
+    // A block on the free list (read without the lock: a hint that keeps the
+    // pool mutex off every allocation) means the allocation will not run out.
+    if (_stSize == 0 || _pvBase == nullptr || _pchHead.IsNotNull())
         return false;
     KvPoolLock lock;
     if (_pchHead.IsNotNull())
