@@ -9,9 +9,12 @@
  *
  * COST
  *
- *   A notifier pays a lookup of the receiving process and one load for a
- *   receiver that is not waiting, and one system call (a futex wake) to wake
- *   one that is.  A waiter first spins briefly, adapting the length of its
+ *   A notifier pays a lookup of the receiving process and two loads for a
+ *   receiver that is not waiting, and one system call to wake one that is: a
+ *   futex wake for a thread in KvRsWaitMsg, a one-byte write into the
+ *   receiver's wake pipe for an event loop (only the first message after the
+ *   receiver last looked at its queues writes; the ones after it find the
+ *   descriptor readable already and pay a load).  A waiter first spins briefly, adapting the length of its
  *   spin to how soon messages came recently, so that a busy exchange never
  *   reaches the scheduler; then it sleeps and uses no CPU.
  *
@@ -28,6 +31,9 @@
  *   - fork(): the child is a process of its own with a wake-up of its own.
  *     The descriptor of KvRsGetWaitFd is not inherited in any useful way:
  *     call KvRsGetWaitFd again in the child.
+ *   - Take messages until the count is 0 before you go back to the event
+ *     loop: the descriptor tells of messages put after you looked, not of
+ *     those you left.
  *   - A process that could not be entered in the table of attached processes
  *     (see the message at its start-up) cannot be woken: KvRsWaitMsg then
  *     polls every millisecond, and KvRsGetWaitFd returns -1.
@@ -46,13 +52,20 @@
 KVRFRSVR_API long KvRsWaitMsg(void* hQueue, unsigned long idQueue, long msTimeout);
 
 /* A descriptor, owned by the library, that poll/epoll/select report readable
- * after a message was put into any queue of this process.  read() of 8 bytes
- * clears it (it is an eventfd; non-blocking).  It may be readable with no
- * message left (another thread took it): recheck the counts.  Messages that
- * arrived before the first call do not make it readable: look at the counts
- * once after adding it to the event loop.  The same descriptor is returned
- * every time; do not close it.  Returns -1 when it cannot be had, after a
- * line on standard error saying why.  A thread of the library sleeps for it. */
+ * after a message was put into any queue of this process since the process
+ * last looked at its queues (KvRsGetMsgCount, KvRsGetQueueMsgCount,
+ * KvRsGetMsg, KvRsGetQueueMsg, KvRsWaitMsg).  It is the read end of a
+ * non-blocking FIFO: drain it with read() (64 bytes clear it in practice;
+ * read until EAGAIN to be sure), then take messages until the counts are 0.
+ * Messages that were there when you last looked do not make it readable
+ * again.  It may be readable with no message left (another thread took it).
+ * Messages that arrived before the first call do not make it readable: look
+ * at the counts once after adding it to the event loop.  The same descriptor
+ * is returned every time; do not close it.  Returns -1 when it cannot be had,
+ * after a line on standard error saying why.  No thread of the library runs
+ * for it: the notifying process writes into the FIFO, which lies in /dev/shm
+ * as "KVRS_WFD.<pid>.<start time>" with the namespace's suffix and goes with
+ * the process's exit (or with its reaping, when it was killed). */
 KVRFRSVR_API int KvRsGetWaitFd(void);
 
 #endif /* KVRFRSVRWAIT_H */

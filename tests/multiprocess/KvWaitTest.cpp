@@ -1,5 +1,6 @@
 // Waiting instead of polling: KvRsWaitMsg across processes and threads, with
 // time-outs, signals and fork, and the descriptor of KvRsGetWaitFd in epoll.
+#include <dirent.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/epoll.h>
@@ -7,12 +8,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "KvApiTestUtil.h"
+#include "deaths/KvCheckRun.h"
 #include "KvRfrSvrWait.h"
 
 namespace {
@@ -51,6 +54,37 @@ KV_CHILD_SCENARIO(Waiter)
     KvRsCreateNode(args.at(1).c_str(), nullptr, 0);
     const long c = KvRsWaitMsg(nullptr, 0, 20000);
     return c == 1 && !KvRsGetMsg().IsNull() ? 0 : 10 + static_cast<int>(c);
+}
+
+// A client of args[0] that marks args[1] and waits for its message in epoll on
+// the descriptor; with a third argument it only sleeps, to be killed.
+KV_CHILD_SCENARIO(EpollWaiter)
+{
+    const int fd = KvRsGetWaitFd();
+    KvRsNodeProxy n = KvRsCreateNode(args.at(0).c_str(), nullptr, 0);
+    KvRsConnectClient(n.GetHandle(), n.GetId(), Target(1), 1);
+    const int ep = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event ev = {};
+    ev.events = EPOLLIN;
+    if (fd < 0 || epoll_ctl(ep, EPOLL_CTL_ADD, fd, &ev) != 0)
+        return 2;
+    KvRsCreateNode(args.at(1).c_str(), nullptr, 0);
+    while (args.size() > 2)
+        pause();
+    while (KvRsGetMsgCount() == 0)
+        if (epoll_wait(ep, &ev, 1, 20000) != 1)
+            return 3;
+    return KvRsGetMsg().IsNull() ? 4 : 0;
+}
+
+bool WakePipeExists(pid_t pid)
+{
+    const std::string strPrefix = "KVRS_WFD." + std::to_string(pid) + ".";
+    std::unique_ptr<DIR, int (*)(DIR*)> pdir(opendir("/dev/shm"), &closedir);
+    while (const dirent* pde = readdir(pdir.get()))
+        if (std::string(pde->d_name).compare(0, strPrefix.size(), strPrefix) == 0)
+            return true;
+    return false;
 }
 
 extern "C" void KvOnUsr1(int) {}
@@ -151,13 +185,41 @@ TEST(KvWait, TheDescriptorIsReadableInEpollAfterAMessage)
     std::thread notifier([] { Notify("wait.e"); });
     EXPECT_EQ(1, epoll_wait(ep, &got, 1, 10000));
     notifier.join();
-    uint64_t u = 0;
-    EXPECT_EQ(static_cast<ssize_t>(sizeof(u)), read(fd, &u, sizeof(u)));
-    EXPECT_EQ(1, KvRsGetMsgCount());
+    Notify("wait.e");
+    char ach[64];
+    EXPECT_EQ(1, read(fd, ach, sizeof(ach))) << "the second message before a look rang nothing";
+    EXPECT_EQ(2, KvRsGetMsgCount());
+    KvRsGetMsg();
     KvRsGetMsg();
     EXPECT_EQ(0, epoll_wait(ep, &got, 1, 20)) << "read() cleared it";
+    Notify("wait.e");
+    EXPECT_EQ(1, epoll_wait(ep, &got, 1, 10000)) << "a look re-armed it";
+    EXPECT_EQ(1, read(fd, ach, sizeof(ach)));
+    KvRsGetMsg();
     Notify("wait.other");
     EXPECT_EQ(0, KvTestWait(pid, 30));
     close(ep);
     KvRsDisconnectClient(n.GetHandle(), n.GetId(), Target(4), 4);
+}
+
+TEST(KvWait, ANotifierRingsAnotherProcesssDescriptorAndItsFifoGoesWithIt)
+{
+    const pid_t pid = KvTestSpawn("EpollWaiter", {"wait.r", "sync.wait.r"});
+    ASSERT_TRUE(WaitForNode("sync.wait.r"));
+    EXPECT_TRUE(WakePipeExists(pid));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // asleep in epoll by now
+    Notify("wait.r");
+    EXPECT_EQ(0, KvTestWait(pid, 30));
+    EXPECT_FALSE(WakePipeExists(pid)) << "its exit removed it";
+
+    // Killed: its reaping (here by kvrs check's start-up) removes the FIFO, and
+    // a notifier that still rings it is not hurt.
+    const pid_t pidKilled = KvTestSpawn("EpollWaiter", {"wait.k", "sync.wait.k", "forever"});
+    ASSERT_TRUE(WaitForNode("sync.wait.k"));
+    Notify("wait.k");
+    kill(pidKilled, SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, KvTestWait(pidKilled, 10));
+    EXPECT_TRUE(KvTreeIsConsistent());
+    EXPECT_FALSE(WakePipeExists(pidKilled));
+    Notify("wait.k");
 }

@@ -9,6 +9,8 @@
 //   KvFile.h           the debug file's calls
 //   KvLivenessToken.h  the token that tells other processes this one lives
 //   KvStaleNamespaces.h  removing what killed namespaces left in /dev/shm
+//   KvWaitWord.h       sleeping on a word of the segment until it moves on
+//   KvWakePipe.h       a process's FIFO that others ring for its event loop
 // This header includes them all, for code that uses several.
 //
 // Everything above this layer is platform neutral. Named objects are POSIX
@@ -24,3 +26,5 @@
 #include "KvProcess.h"
 #include "KvShmObject.h"
 #include "KvStaleNamespaces.h"
+#include "KvWaitWord.h"
+#include "KvWakePipe.h"

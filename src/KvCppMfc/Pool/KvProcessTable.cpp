@@ -2,12 +2,19 @@
 #include "KvProcessTable.h"
 
 #include "../Platform/KvWaitWord.h"
+#include "../Platform/KvWakePipe.h"
 
 KvProcessEntry* KvProcessTable()
 {
     if (KvGranularity::_pvBase == nullptr || KvGranularity::_poinf == nullptr)
         return nullptr;
     return reinterpret_cast<KvProcessEntry*>(KvGranularity::_pvBase + KVGRAN_PROCESS_TABLE_OFFSET);
+}
+
+KvProcessPipe* KvProcessPipeOf(KvProcessEntry* pEntry)
+{
+    const auto iSlot = static_cast<uint32_t>(pEntry - KvProcessTable());
+    return reinterpret_cast<KvProcessPipe*>(KvGranularity::_pvBase + KVGRAN_PROCESS_PIPES_OFFSET) + iSlot;
 }
 
 namespace {
@@ -33,6 +40,7 @@ KvProcessEntry* KvProcessTableAdd(uint32_t dwPid, uint64_t qwStartTime, uint32_t
         e.ofsDefaultQueue = ofsDefaultQueue;
         e.dwDone = 0;
         e.cWaiters = 0;
+        *KvProcessPipeOf(&e) = KvProcessPipe{0, 0};
         e.dwPid = dwPid;
         e.dwState = KVPRC_LIVE;  // last: a reaper never sees a half-made entry
         return &e;
@@ -72,6 +80,7 @@ void KvProcessTableRemove(KvProcessEntry* pEntry)
     pEntry->qwStartTime = 0;
     pEntry->ofsDefaultQueue = 0;
     pEntry->dwDone = 0;
+    *KvProcessPipeOf(pEntry) = KvProcessPipe{0, 0};
     // dwWake is left as it is: a sleeper that still holds the word (a thread of
     // a process that is being reaped) sees it move on, never a reset.
 }
@@ -82,12 +91,36 @@ namespace {
 constexpr int kcPendingMax = 16;
 thread_local uint32_t* t_apwPending[kcPendingMax];
 thread_local int t_cPending = 0;
+// Wake pipes to ring, with the process each slot held when it was picked.
+struct KvPendingRing {
+    uint32_t iSlot;
+    KvProcessKey key;
+};
+thread_local KvPendingRing t_aRings[kcPendingMax];
+thread_local int t_cRings = 0;
+
+// Only the first notifier after the receiver looked at its queues rings: the
+// ones after it find the pipe readable already.
+void KvPickRing(KvProcessEntry* p)
+{
+    KvProcessPipe* pPipe = KvProcessPipeOf(p);
+    if (__atomic_load_n(&pPipe->dwHasPipe, __ATOMIC_SEQ_CST) == 0 ||
+        __atomic_load_n(&pPipe->dwRung, __ATOMIC_SEQ_CST) != 0 ||
+        __atomic_exchange_n(&pPipe->dwRung, 1, __ATOMIC_SEQ_CST) != 0)
+        return;
+    if (t_cRings == kcPendingMax)
+        KvProcessTableWakeNow();
+    t_aRings[t_cRings++] = KvPendingRing{static_cast<uint32_t>(p - KvProcessTable()), {p->dwPid, p->qwStartTime}};
+}
 }  // namespace
 
 void KvProcessTableWake(uint32_t dwPid)
 {
     KvProcessEntry* p = KvProcessTableFindPid(dwPid);
-    if (p == nullptr || __atomic_load_n(KvSleeperCount(p), __ATOMIC_SEQ_CST) == 0)
+    if (p == nullptr)
+        return;
+    KvPickRing(p);
+    if (__atomic_load_n(KvSleeperCount(p), __ATOMIC_SEQ_CST) == 0)
         return;
     __atomic_add_fetch(KvWakeWord(p), 1, __ATOMIC_SEQ_CST);
     for (int i = 0; i < t_cPending; ++i)
@@ -103,9 +136,12 @@ void KvProcessTableWakeNow()
     for (int i = 0; i < t_cPending; ++i)
         KvWaitWordWakeAll(t_apwPending[i]);
     t_cPending = 0;
+    for (int i = 0; i < t_cRings; ++i)
+        KvWakePipe::Ring(t_aRings[i].iSlot, t_aRings[i].key);
+    t_cRings = 0;
 }
 
 bool KvProcessTableWakesPending()
 {
-    return t_cPending != 0;
+    return t_cPending != 0 || t_cRings != 0;
 }

@@ -72,18 +72,34 @@ inline uint32_t* KvSleeperCount(KvProcessEntry* p)
     return reinterpret_cast<uint32_t*>(reinterpret_cast<char*>(p) + offsetof(KvProcessEntry, cWaiters));
 }
 
+// Beside each entry, at the same index, the state of its process's wake pipe
+// (KvWakePipe), which an event loop of that process watches.
+struct KvProcessPipe {
+    uint32_t dwHasPipe;  // 1 while the process has a wake pipe
+    uint32_t dwRung;     // 1 once a notifier wrote into it; the process resets it when it looks at its queues
+};
+static_assert(sizeof(KvProcessPipe) == 8, "a pipe state is 8 bytes");
+constexpr uint32_t KVGRAN_PROCESS_PIPES_OFFSET =
+    KVGRAN_PROCESS_TABLE_OFFSET + KVGRAN_PROCESS_TABLE_SIZE * sizeof(KvProcessEntry);
+static_assert(KVGRAN_PROCESS_PIPES_OFFSET + KVGRAN_PROCESS_TABLE_SIZE * sizeof(KvProcessPipe) <= KVGRAN_HEADER_SIZE,
+              "the pipe states lie in the header zone");
+
 // The table of the attached segment; null when none is attached.
 KvProcessEntry* KvProcessTable();
 // The live entry of that pid (any start time), or null; a few loads.
 KvProcessEntry* KvProcessTableFindPid(uint32_t dwPid);
+
+// The pipe state of an entry of the table.
+KvProcessPipe* KvProcessPipeOf(KvProcessEntry* pEntry);
 
 // Adds an entry for the process (state LIVE); null when the table is full.
 KvProcessEntry* KvProcessTableAdd(uint32_t dwPid, uint64_t qwStartTime, uint32_t ofsDefaultQueue);
 // The entry of that process, or null.
 KvProcessEntry* KvProcessTableFind(uint32_t dwPid, uint64_t qwStartTime);
 // After a message was put into a queue of process dwPid: its sleeping threads
-// are to be woken. A process with none asleep costs the notifier a probe and a
-// load. The wake itself is held back until KvProcessTableWakeNow, which the
+// are to be woken, and its wake pipe rung unless it was rung since the process
+// last looked at its queues. A process with none asleep and no pipe to ring
+// costs the notifier a probe and two loads. The wake itself is held back until KvProcessTableWakeNow, which the
 // caller runs once it has released the global mutex: a receiver woken earlier
 // would only find the mutex held and wait for it.
 void KvProcessTableWake(uint32_t dwPid);

@@ -3,6 +3,7 @@
 // ends in the frame's report.
 #include "KvRfrSvr/Internal/CRsModel.h"
 #include "KvRsHandles.h"
+#include "KvRsReaper.h"
 
 namespace {
 KvSmartPtr<CRsMsg> KvRsMsg(void* h, unsigned long id)
@@ -106,6 +107,7 @@ bool KvRsPollQueue(const CRsQueue* pQueue, long* pc)
 
 long KvRsGetMsgCount(void)
 {
+    KvRsRearmWaitFd();
     long c = 0;
     if (KvRsPollQueue(g_ptrThisPrcsQueue.Get(), &c))
         return c;
@@ -115,6 +117,7 @@ long KvRsGetMsgCount(void)
 
 KvRsMsgProxy KvRsGetMsg(void)
 {
+    KvRsRearmWaitFd();
     return KvRsFramedResult<KvRsMsgProxy>(__LINE__, [&](KvRsMsgProxy& result) {
         KvRsSetProxySafe(result, KvRsUse(g_ptrThisPrcsQueue)->GetMsg());
     });
@@ -122,12 +125,14 @@ KvRsMsgProxy KvRsGetMsg(void)
 
 long KvRsGetQueueMsgCount(void* hQueue, unsigned long idQueue)
 {
+    KvRsRearmWaitFd();
     return KvRsFramedResult<long>(__LINE__,
                                   [&](long& cResult) { cResult = KvRsUse(KvRsQueue(hQueue, idQueue))->GetMsgCount(); });
 }
 
 KvRsMsgProxy KvRsGetQueueMsg(void* hQueue, unsigned long idQueue)
 {
+    KvRsRearmWaitFd();
     return KvRsFramedResult<KvRsMsgProxy>(__LINE__, [&](KvRsMsgProxy& result) {
         KvSmartPtr<CRsQueue> ptrQueue = KvRsQueue(hQueue, idQueue);
         KvRsSetProxySafe(result, KvRsUse(ptrQueue)->GetMsg());

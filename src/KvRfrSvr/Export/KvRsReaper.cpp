@@ -6,7 +6,9 @@
 
 #include "KvCppMfc/KvInitOrder.h"
 #include "KvCppMfc/Platform/KvFault.h"
+#include "KvCppMfc/Platform/KvLivenessToken.h"
 #include "KvCppMfc/Platform/KvProcess.h"
+#include "KvCppMfc/Platform/KvWakePipe.h"
 #include "KvCppMfc/Pool/KvProcessTable.h"
 #include "KvRfrSvr/Internal/CRsModel.h"
 #include "KvRsFrame.h"
@@ -82,6 +84,7 @@ KvRsReaped KvRsReapOne(KvProcessEntry& e)
         e.dwDone |= KVPRC_DONE_ATTACHMENT;
     }
     KvLivenessToken::Remove(r.key);
+    KvWakePipe::Remove(r.key);
     KvProcessTableRemove(&e);
     return r;
 }

@@ -48,10 +48,12 @@ void KvRsUnregisterThisProcess();
 struct KvProcessEntry;
 KvProcessEntry* KvRsOwnEntry();
 
-// The descriptor of KvRsGetWaitFd: its thread stops at exit, before the
-// segment goes; a fork child forgets the parent's.
+// The descriptor of KvRsGetWaitFd: notifiers stop ringing it at exit, before
+// the segment goes; a fork child forgets the parent's. Every look at this
+// process's queues re-arms it (KvRsRearmWaitFd), before the count is read.
 void KvRsStopWaitFd();
 void KvRsForgetWaitFd();
+void KvRsRearmWaitFd();
 
 // In a fork child, before it registers: the inherited token is the parent's.
 void KvRsForgetParentToken();

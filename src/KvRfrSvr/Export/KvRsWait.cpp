@@ -13,12 +13,12 @@
 #include <cstring>
 #include <thread>
 
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include "KvCppMfc/KvInitOrder.h"
 #include "KvCppMfc/Platform/KvProcess.h"
 #include "KvCppMfc/Platform/KvWaitWord.h"
+#include "KvCppMfc/Platform/KvWakePipe.h"
+#include "KvCppMfc/Platform/KvLivenessToken.h"
 #include "KvCppMfc/Pool/KvProcessTable.h"
 #include "KvRfrSvr/Internal/CRsModel.h"
 #include "KvRfrSvrWait.h"
@@ -81,6 +81,7 @@ long KvRsWaitMsg(void* hQueue, unsigned long idQueue, long msTimeout)
 {
     if (!KvRsIsRunning())
         return 0;
+    KvRsRearmWaitFd();
     const CRsQueue* pQueue = KvRsWaitQueue(hQueue);
     long c = KvRsCountOf(hQueue, idQueue, pQueue);
     if (c > 0 || msTimeout == 0)
@@ -117,36 +118,10 @@ long KvRsWaitMsg(void* hQueue, unsigned long idQueue, long msTimeout)
 
 namespace {
 
-// The descriptor and the thread that sleeps on the wake word for it: the
-// thread stays counted as a sleeper while it lives, so that no message between
-// two of its sleeps goes unannounced.
-struct KvRsWaitFd {
-    int fd = -1;
-    std::thread* pThread = nullptr;     // joined and deleted at exit
-    std::thread* pInherited = nullptr;  // a fork child's copy of the parent's
-    bool fStop = false;
-};
-
-KvRsWaitFd& KvRsFd()
-{
-    static KvRsWaitFd* s_p = new KvRsWaitFd;
-    return *s_p;
-}
-
-void KvRsFdThread(KvProcessEntry* pEntry, int fd)
-{
-    uint32_t dwSeen = __atomic_load_n(KvWakeWord(pEntry), __ATOMIC_SEQ_CST);
-    while (!__atomic_load_n(&KvRsFd().fStop, __ATOMIC_SEQ_CST)) {
-        KvWaitWordSleep(KvWakeWord(pEntry), dwSeen, -1);
-        const uint32_t dwNow = __atomic_load_n(KvWakeWord(pEntry), __ATOMIC_SEQ_CST);
-        if (dwNow != dwSeen && !__atomic_load_n(&KvRsFd().fStop, __ATOMIC_SEQ_CST)) {
-            const uint64_t u = 1;
-            ssize_t cb = write(fd, &u, sizeof(u));
-            (void)cb;  // a full counter is readable already
-        }
-        dwSeen = dwNow;
-    }
-}
+// The wake pipe's read end, and this process's pipe state in the segment while
+// it has one: looking at the queues re-arms it.
+int s_fdWakePipe = -1;
+KvProcessPipe* s_pOwnPipe = nullptr;
 
 void KvRsFdFail(const char* pszWhy)
 {
@@ -157,60 +132,61 @@ void KvRsFdFail(const char* pszWhy)
 
 }  // namespace
 
+void KvRsRearmWaitFd()
+{
+    KvProcessPipe* p = __atomic_load_n(&s_pOwnPipe, __ATOMIC_ACQUIRE);
+    if (p == nullptr || __atomic_load_n(&p->dwRung, __ATOMIC_RELAXED) == 0)
+        return;
+    // Before the caller reads a count: a notifier that still found the pipe
+    // rung put its message before this store, so the count shows it.
+    __atomic_store_n(&p->dwRung, 0, __ATOMIC_SEQ_CST);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+}
+
 int KvRsGetWaitFd(void)
 {
     if (!KvRsIsRunning())
         return -1;
     KvRsGlobalLock lock;
-    KvRsWaitFd& w = KvRsFd();
-    if (w.fd >= 0)
-        return w.fd;
+    if (s_fdWakePipe >= 0)
+        return s_fdWakePipe;
     KvProcessEntry* pEntry = KvRsOwnEntry();
     if (pEntry == nullptr) {
         KvRsFdFail("this process is not in the table of attached processes, so nothing can wake it");
         return -1;
     }
-    const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    const int fd = KvWakePipe::Create(KvThisProcessKey());
     if (fd < 0) {
-        KvRsFdFail(strerror(errno));
+        char sz[200];
+        snprintf(sz, sizeof(sz), "its FIFO could not be made (%s)", strerror(errno));
+        KvRsFdFail(sz);
         return -1;
     }
-    __atomic_add_fetch(KvSleeperCount(pEntry), 1, __ATOMIC_SEQ_CST);
-    try {
-        w.pThread = new std::thread(&KvRsFdThread, pEntry, fd);
-    } catch (...) {
-        __atomic_sub_fetch(KvSleeperCount(pEntry), 1, __ATOMIC_SEQ_CST);
-        close(fd);
-        KvRsFdFail("no thread could be started for it");
-        return -1;
-    }
-    w.fd = fd;
+    KvProcessPipe* pPipe = KvProcessPipeOf(pEntry);
+    __atomic_store_n(&pPipe->dwRung, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&pPipe->dwHasPipe, 1, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&s_pOwnPipe, pPipe, __ATOMIC_RELEASE);
+    s_fdWakePipe = fd;
     return fd;
 }
 
-// At exit, before the segment is unmapped: the descriptor's thread stops.
+// At exit, before the segment is unmapped: no notifier rings the pipe any more,
+// and its FIFO goes.
 void KvRsStopWaitFd()
 {
-    KvRsWaitFd& w = KvRsFd();
-    KvProcessEntry* pEntry = KvRsOwnEntry();
-    if (w.pThread == nullptr || pEntry == nullptr)
+    KvProcessPipe* p = __atomic_exchange_n(&s_pOwnPipe, nullptr, __ATOMIC_ACQ_REL);
+    if (p == nullptr)
         return;
-    __atomic_store_n(&w.fStop, true, __ATOMIC_SEQ_CST);
-    __atomic_add_fetch(KvWakeWord(pEntry), 1, __ATOMIC_SEQ_CST);
-    KvWaitWordWakeAll(KvWakeWord(pEntry));
-    w.pThread->join();
-    __atomic_sub_fetch(KvSleeperCount(pEntry), 1, __ATOMIC_SEQ_CST);
-    delete w.pThread;
-    w.pThread = nullptr;
+    __atomic_store_n(&p->dwHasPipe, 0, __ATOMIC_SEQ_CST);
+    KvWakePipe::Remove(KvThisProcessKey());
+    // The descriptor stays open: the caller's event loop may still watch it.
 }
 
-// In a fork child: the thread did not come along; the descriptor is the
-// parent's and is left to it.
+// In a fork child: the descriptor and the FIFO are the parent's, and so are
+// the descriptors into other processes' pipes.
 void KvRsForgetWaitFd()
 {
-    KvRsWaitFd& w = KvRsFd();
-    w.pInherited = w.pThread;  // the parent's: never joined or deleted here
-    w.pThread = nullptr;
-    w.fd = -1;
-    w.fStop = false;
+    s_fdWakePipe = -1;
+    __atomic_store_n(&s_pOwnPipe, nullptr, __ATOMIC_RELEASE);
+    KvWakePipe::ForgetWritersAfterFork();
 }
