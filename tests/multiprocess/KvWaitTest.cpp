@@ -15,8 +15,8 @@
 #include <gtest/gtest.h>
 
 #include "KvApiTestUtil.h"
-#include "deaths/KvCheckRun.h"
 #include "KvRfrSvrWait.h"
+#include "deaths/KvCheckRun.h"
 
 namespace {
 

@@ -13,12 +13,11 @@
 #include <cstring>
 #include <thread>
 
-
 #include "KvCppMfc/KvInitOrder.h"
+#include "KvCppMfc/Platform/KvLivenessToken.h"
 #include "KvCppMfc/Platform/KvProcess.h"
 #include "KvCppMfc/Platform/KvWaitWord.h"
 #include "KvCppMfc/Platform/KvWakePipe.h"
-#include "KvCppMfc/Platform/KvLivenessToken.h"
 #include "KvCppMfc/Pool/KvProcessTable.h"
 #include "KvRfrSvr/Internal/CRsModel.h"
 #include "KvRfrSvrWait.h"
