@@ -6,6 +6,7 @@
 
 #include "../Diag/KvDiag.h"
 #include "../KvInitOrder.h"
+#include "KvJournal.h"
 #include "KvMemoryWatcher.h"
 #include "KvSegmentState.h"
 
@@ -112,19 +113,23 @@ void* KvGranularity::Alloc(uint32_t n, KvGranularityMemoryWatcher* pWatcher)
     }
     if (_pchHead.IsNull())
         MemPrepare();
+    KvJournal& j = KvPoolJournal();
     char* pBlock = _pchHead.Get();
     if (n != 0) {
-        _pchHead = KvsPtr<char>::FromOffset(*reinterpret_cast<uint32_t*>(pBlock));
+        KV_JOURNAL_SET(j, _pchHead, KvsPtr<char>::FromOffset(*reinterpret_cast<uint32_t*>(pBlock)));
         if (_pchHead.IsNotNull() && !_IsPointerInComittedRange(_pchHead.Get()))
             KvGranThrow("KvGranularity::Alloc(): after: next free pointer not in committed range");
+        // Undone, the block is free again and needs its link; the rest of a
+        // free block's bytes mean nothing.
+        j.Save(pBlock, sizeof(uint32_t));
         memset(pBlock, 0, _stSize);
     }
     if (_poinf->_fMemChecking) {
-        _cAllocChecked += 1;
-        _poinf->_cbAllocChecked += _stSize;
+        KV_JOURNAL_SET(j, _cAllocChecked, _cAllocChecked + 1);
+        KV_JOURNAL_SET(j, _poinf->_cbAllocChecked, _poinf->_cbAllocChecked + _stSize);
     } else {
-        _cNetUnchecked += 1;
-        _poinf->_cbNetUnchecked += _stSize;
+        KV_JOURNAL_SET(j, _cNetUnchecked, _cNetUnchecked + 1);
+        KV_JOURNAL_SET(j, _poinf->_cbNetUnchecked, _poinf->_cbNetUnchecked + _stSize);
     }
     if (pWatcher != nullptr)
         pWatcher->CountAlloc(_poinf->_fMemChecking != 0);
@@ -147,14 +152,15 @@ void KvGranularity::Free(void* pv, KvGranularityMemoryWatcher* pWatcher)
         KvGranThrow("KvGranularity::Free(): pointer does not match granularity size");
     }
     KvPoolLock lock;
-    *static_cast<uint32_t*>(pv) = _pchHead.Offset();  // last freed, first reused
-    _pchHead = static_cast<char*>(pv);
+    KvJournal& j = KvPoolJournal();
+    KV_JOURNAL_SET(j, *static_cast<uint32_t*>(pv), _pchHead.Offset());  // last freed, first reused
+    KV_JOURNAL_SET(j, _pchHead, KvsPtr<char>(static_cast<char*>(pv)));
     if (_poinf->_fMemChecking) {
-        _cFreeChecked -= 1;
-        _poinf->_cbFreeChecked -= _stSize;
+        KV_JOURNAL_SET(j, _cFreeChecked, _cFreeChecked - 1);
+        KV_JOURNAL_SET(j, _poinf->_cbFreeChecked, _poinf->_cbFreeChecked - _stSize);
     } else {
-        _cNetUnchecked -= 1;
-        _poinf->_cbNetUnchecked -= _stSize;
+        KV_JOURNAL_SET(j, _cNetUnchecked, _cNetUnchecked - 1);
+        KV_JOURNAL_SET(j, _poinf->_cbNetUnchecked, _poinf->_cbNetUnchecked - _stSize);
     }
     if (pWatcher != nullptr)
         pWatcher->CountFree(_poinf->_fMemChecking != 0);
@@ -207,15 +213,18 @@ void KvGranularity::MemPrepare()
         _DebugOutput(sz);
         FlushDebug();
     }
-    _poinf->_pchNextCommit = KvsPtr<char>::FromOffset(static_cast<uint32_t>(ofsCommit + size));
-    _pchHead = KvsPtr<char>::FromOffset(ofsFree);
+    // The chunk lies beyond the carved end, where nothing reaches: its links
+    // need no records. The three words that make it reachable come last.
     uint32_t ofs = ofsFree;
     for (uint32_t i = 0; i < _cBlocksPerChunk; ++i) {
         *reinterpret_cast<uint32_t*>(_pvBase + ofs) = ofs + _stSize;
         ofs += _stSize;
     }
     *reinterpret_cast<uint32_t*>(_pvBase + ofs - _stSize) = 0;
-    _poinf->_pchNextFree = KvsPtr<char>::FromOffset(ofs);
+    KvJournal& j = KvPoolJournal();
+    KV_JOURNAL_SET(j, _poinf->_pchNextCommit, KvsPtr<char>::FromOffset(static_cast<uint32_t>(ofsCommit + size)));
+    KV_JOURNAL_SET(j, _pchHead, KvsPtr<char>::FromOffset(ofsFree));
+    KV_JOURNAL_SET(j, _poinf->_pchNextFree, KvsPtr<char>::FromOffset(ofs));
 }
 
 void* KvGranularity::_AllocFixed(uint32_t n)
@@ -224,6 +233,7 @@ void* KvGranularity::_AllocFixed(uint32_t n)
         return nullptr;
     if (_pvBase == nullptr)
         KvGranThrow("KvGranularity::MemPrepare(): Memory not initialized");
+    KvPoolLock lock;  // the carved end is the pools' too
     const uint32_t ofsFree = _poinf->_pchNextFree.Offset();
     const uint32_t ofsCommit = _poinf->_pchNextCommit.Offset();
     const uint64_t cbEnd = KvRoundUp(static_cast<uint64_t>(ofsFree) + n, 8192);
@@ -233,8 +243,9 @@ void* KvGranularity::_AllocFixed(uint32_t n)
     _DebugOutput(sz);
     if (ofsCommit + size > _stMax)
         KvGranThrow("KvGranularity::_Alloc(): Out of Memory");
-    _poinf->_pchNextCommit = KvsPtr<char>::FromOffset(static_cast<uint32_t>(ofsCommit + size));
-    _poinf->_pchNextFree = KvsPtr<char>::FromOffset(ofsFree + n);
+    KvJournal& j = KvPoolJournal();
+    KV_JOURNAL_SET(j, _poinf->_pchNextCommit, KvsPtr<char>::FromOffset(static_cast<uint32_t>(ofsCommit + size)));
+    KV_JOURNAL_SET(j, _poinf->_pchNextFree, KvsPtr<char>::FromOffset(ofsFree + n));
     return _pvBase + ofsFree;
 }
 

@@ -14,6 +14,7 @@
 #include "../Diag/KvDiag.h"
 #include "../Platform/KvPlatform.h"
 #include "KvGranularity.h"
+#include "KvJournal.h"
 #include "KvMemoryWatcher.h"
 #include "KvSegmentState.h"
 
@@ -199,13 +200,29 @@ void KvCloseCritSec()
 
 // --- the pool mutex --------------------------------------------------------
 
+// A pool operation is one journaled section: taking the mutex first undoes
+// what an owner that died inside left, and releasing it discards the records.
+// An operation that throws keeps what it changed before the throw, as it
+// always has (a corrupt link moves the head, and the next allocation says so).
+namespace {
+thread_local uint32_t t_cPoolDepth = 0;
+}  // namespace
+
 void KvGranularity::_LockPools()
 {
     S().mtxPools.Lock();
+    if (++t_cPoolDepth == 1 && _pvBase != nullptr && !KvPoolJournal().IsEmpty())
+        KvPoolJournal().RollBack("its owner ended inside it");
 }
 
 void KvGranularity::_UnlockPools()
 {
+    if (!S().mtxPools.IsOwned())
+        return;
+    if (t_cPoolDepth == 1 && _pvBase != nullptr)
+        KvPoolJournal().Commit();
+    if (t_cPoolDepth > 0)
+        --t_cPoolDepth;
     S().mtxPools.Unlock();
 }
 
