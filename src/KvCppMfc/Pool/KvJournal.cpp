@@ -10,64 +10,25 @@
 #include "../Diag/KvDiag.h"
 #include "../Platform/KvProcess.h"
 
-namespace {
-uint32_t s_cDieAtSave = 0;
+// Constant-initialised (constexpr constructor): ready before any start-up code.
+KvJournal g_jrnPools(KVGRAN_POOL_JOURNAL_OFFSET, KVGRAN_POOL_JOURNAL_END, "OGRAN.MTX");
 
-uint32_t KvPadded(uint32_t cb)
+void KvJournal::ThrowFull(uint32_t cb) const
 {
-    return (cb + 3u) & ~3u;
-}
-}  // namespace
-
-KvJournal::KvJournal(uint32_t ofsBegin, uint32_t ofsEnd, const char* pszMutex)
-    : m_ofsBegin(ofsBegin), m_cbRecords(ofsEnd - ofsBegin - static_cast<uint32_t>(sizeof(KvJournalHead))),
-      m_pszMutex(pszMutex)
-{
+    char sz[120];
+    snprintf(sz, sizeof(sz), "%s: the journal has no room for a change of %u bytes", m_pszMutex, cb);
+    KvGranThrow(sz);
 }
 
-KvJournalHead* KvJournal::Head() const
+void KvJournal::NoteWriter(KvJournalHead* pHead)
 {
-    return reinterpret_cast<KvJournalHead*>(KvGranularity::_pvBase + m_ofsBegin);
-}
-
-char* KvJournal::Records() const
-{
-    return KvGranularity::_pvBase + m_ofsBegin + sizeof(KvJournalHead);
-}
-
-void KvJournal::Save(const void* pv, uint32_t cb)
-{
-    const char* pch = static_cast<const char*>(pv);
-    if (KvGranularity::_pvBase == nullptr || pch < KvGranularity::_pvBase ||
-        pch + cb > KvGranularity::_pvBase + KvGranularity::_stMax)
-        return;  // not the segment's (a caller's copy, a watcher object)
-    KvJournalHead* pHead = Head();
-    const uint32_t cbUsed = pHead->cbUsed;
-    const uint32_t cbRecord = static_cast<uint32_t>(sizeof(KvJournalRecord)) + KvPadded(cb);
-    if (cb > m_cbRecords || cbUsed + cbRecord > m_cbRecords) {
-        char sz[120];
-        snprintf(sz, sizeof(sz), "%s: the journal has no room for a change of %u bytes", m_pszMutex, cb);
-        KvGranThrow(sz);
-    }
-    char* pRecord = Records() + cbUsed;
-    const KvJournalRecord rec{KvGranularity::_CalcOffset(pch), cb};
-    memcpy(pRecord, &rec, sizeof(rec));
-    memcpy(pRecord + sizeof(rec), pch, cb);
     pHead->dwPid = KvGetCurrentProcessId();
-    // The record is whole before it counts, and counts before the change: a
-    // death anywhere leaves either no record or one that undoes nothing yet.
-    __atomic_store_n(&pHead->cbUsed, cbUsed + cbRecord, __ATOMIC_RELEASE);
-    __atomic_signal_fence(__ATOMIC_SEQ_CST);
-    if (s_cDieAtSave != 0 && --s_cDieAtSave == 0)
-        kill(getpid(), SIGKILL);
 }
 
-void KvJournal::Commit()
+void KvJournal::DieIfDue()
 {
-    KvJournalHead* pHead = Head();
-    __atomic_signal_fence(__ATOMIC_SEQ_CST);
-    if (pHead->cbUsed != 0)
-        __atomic_store_n(&pHead->cbUsed, 0u, __ATOMIC_RELEASE);
+    if (--sm_cDieAtSave == 0)
+        kill(getpid(), SIGKILL);
 }
 
 uint32_t KvJournal::RollBack(const char* pszWhy)
@@ -87,7 +48,7 @@ uint32_t KvJournal::RollBack(const char* pszWhy)
         if (rec.cb > m_cbRecords || ofsEnd > KvGranularity::_stMax || ofs + sizeof(rec) + rec.cb > cbUsed)
             break;
         vofsRecords.push_back(ofs);
-        ofs += static_cast<uint32_t>(sizeof(rec)) + KvPadded(rec.cb);
+        ofs += static_cast<uint32_t>(sizeof(rec)) + ((rec.cb + 3u) & ~3u);
     }
     for (auto it = vofsRecords.rbegin(); it != vofsRecords.rend(); ++it) {
         KvJournalRecord rec;
@@ -102,15 +63,4 @@ uint32_t KvJournal::RollBack(const char* pszWhy)
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
     __atomic_store_n(&pHead->cbUsed, 0u, __ATOMIC_RELEASE);
     return static_cast<uint32_t>(vofsRecords.size());
-}
-
-void KvJournal::DieAtSave(uint32_t k)
-{
-    s_cDieAtSave = k;
-}
-
-KvJournal& KvPoolJournal()
-{
-    static KvJournal* s_p = new KvJournal(KVGRAN_POOL_JOURNAL_OFFSET, KVGRAN_POOL_JOURNAL_END, "OGRAN.MTX");
-    return *s_p;
 }

@@ -41,14 +41,42 @@ static_assert(KVGRAN_POOL_JOURNAL_END <= 0xF00, "and before the process table's 
 
 class KvJournal {
 public:
-    // Requires: the segment is attached. A journal over the bytes [ofsBegin,
-    // ofsEnd) of the header zone, guarded by the mutex named pszMutex.
-    KvJournal(uint32_t ofsBegin, uint32_t ofsEnd, const char* pszMutex);
+    // A journal over the bytes [ofsBegin, ofsEnd) of the header zone, guarded
+    // by the mutex named pszMutex.
+    constexpr KvJournal(uint32_t ofsBegin, uint32_t ofsEnd, const char* pszMutex)
+        : m_ofsBegin(ofsBegin), m_cbRecords(ofsEnd - ofsBegin - static_cast<uint32_t>(sizeof(KvJournalHead))),
+          m_pszMutex(pszMutex)
+    {
+    }
 
-    // Requires: the caller owns the mutex. Effects: records the current bytes
-    // of [pv, pv + cb) when they lie in the segment. Throws (through
-    // KvGranThrow) when the journal is full, before anything is changed.
-    void Save(const void* pv, uint32_t cb);
+    // Requires: the segment is attached and the caller owns the mutex.
+    // Effects: records the current bytes of [pv, pv + cb) when they lie in the
+    // segment. Throws (through KvGranThrow) when the journal is full, before
+    // anything is changed.
+    void Save(const void* pv, uint32_t cb)
+    {
+        const char* pch = static_cast<const char*>(pv);
+        char* pBase = KvGranularity::_pvBase;
+        if (pch < pBase || pch + cb > pBase + KvGranularity::_stMax)
+            return;  // not the segment's (a caller's copy, a watcher object)
+        KvJournalHead* pHead = Head();
+        const uint32_t cbUsed = pHead->cbUsed;
+        const uint32_t cbRecord = static_cast<uint32_t>(sizeof(KvJournalRecord)) + ((cb + 3u) & ~3u);
+        if (cb > m_cbRecords || cbUsed + cbRecord > m_cbRecords)
+            ThrowFull(cb);
+        char* pRecord = Records() + cbUsed;
+        const KvJournalRecord rec{static_cast<uint32_t>(pch - pBase), cb};
+        memcpy(pRecord, &rec, sizeof(rec));
+        memcpy(pRecord + sizeof(rec), pch, cb);
+        if (cbUsed == 0)
+            NoteWriter(pHead);
+        // The record is whole before it counts, and counts before the change: a
+        // death anywhere leaves either no record or one that undoes nothing yet.
+        __atomic_store_n(&pHead->cbUsed, cbUsed + cbRecord, __ATOMIC_RELEASE);
+        __atomic_signal_fence(__ATOMIC_SEQ_CST);
+        if (__builtin_expect(sm_cDieAtSave != 0, 0))
+            DieIfDue();
+    }
     // Records the field, then stores the value (through KV_JOURNAL_SET, which
     // also takes the fields of packed structures).
     template <class T>
@@ -58,7 +86,13 @@ public:
         memcpy(pvField, &value, sizeof(T));
     }
     // The section completed: its records are discarded.
-    void Commit();
+    void Commit()
+    {
+        KvJournalHead* pHead = Head();
+        __atomic_signal_fence(__ATOMIC_SEQ_CST);
+        if (pHead->cbUsed != 0)
+            __atomic_store_n(&pHead->cbUsed, 0u, __ATOMIC_RELEASE);
+    }
     // Writes the records back, newest first, and discards them; reports what
     // it undid on the debug output, naming pszWhy. Returns the records undone.
     uint32_t RollBack(const char* pszWhy);
@@ -67,14 +101,19 @@ public:
 
     // Test hook: the process kills itself with SIGKILL at the k-th Save from now
     // on, after the record and before the change (0: never).
-    static void DieAtSave(uint32_t k);
+    static void DieAtSave(uint32_t k) { sm_cDieAtSave = k; }
 
 private:
-    KvJournalHead* Head() const;
-    char* Records() const;
+    KvJournalHead* Head() const { return reinterpret_cast<KvJournalHead*>(KvGranularity::_pvBase + m_ofsBegin); }
+    char* Records() const { return KvGranularity::_pvBase + m_ofsBegin + sizeof(KvJournalHead); }
+    [[noreturn]] void ThrowFull(uint32_t cb) const;
+    static void NoteWriter(KvJournalHead* pHead);
+    static void DieIfDue();
+
     uint32_t m_ofsBegin;
     uint32_t m_cbRecords;
     const char* m_pszMutex;
+    static inline uint32_t sm_cDieAtSave = 0;
 };
 
 // KV_JOURNAL_SET(journal, field, value): field = value, journaled; the field's
@@ -83,4 +122,8 @@ private:
     (journal).SetAt<std::remove_cv_t<std::remove_reference_t<decltype(field)>>>(static_cast<void*>(&(field)), (value))
 
 // The journal of the pool mutex.
-KvJournal& KvPoolJournal();
+extern KvJournal g_jrnPools;
+inline KvJournal& KvPoolJournal()
+{
+    return g_jrnPools;
+}
