@@ -52,7 +52,7 @@ protected:
     static ::testing::AssertionResult ReportsWithAt(void* pvField, U value, const std::string& strWhat)
     {
         T old;
-        memcpy(&old, pvField, sizeof(T));
+        memcpy(static_cast<void*>(&old), pvField, sizeof(T));
         const T now = static_cast<T>(value);
         memcpy(pvField, &now, sizeof(T));
         ::testing::AssertionResult r = Reports(strWhat);

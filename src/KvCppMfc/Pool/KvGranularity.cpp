@@ -7,6 +7,7 @@
 #include "../Diag/KvDiag.h"
 #include "../KvInitOrder.h"
 #include "KvJournal.h"
+#include "KvTreeJournal.h"
 #include "KvMemoryWatcher.h"
 #include "KvSegmentState.h"
 
@@ -133,6 +134,8 @@ void* KvGranularity::Alloc(uint32_t n, KvGranularityMemoryWatcher* pWatcher)
     }
     if (pWatcher != nullptr)
         pWatcher->CountAlloc(_poinf->_fMemChecking != 0);
+    if (n != 0)
+        KvTreeSectionNoteAlloc(pBlock, _stSize);
     return pBlock;
 }
 
@@ -151,7 +154,15 @@ void KvGranularity::Free(void* pv, KvGranularityMemoryWatcher* pWatcher)
         _DebugOutput(sz);
         KvGranThrow("KvGranularity::Free(): pointer does not match granularity size");
     }
+    if (pWatcher == nullptr && KvTreeSectionDeferFree(pv, _stSize))
+        return;
     KvPoolLock lock;
+    FreeLocked(pv, pWatcher);
+}
+
+// The pool mutex is held.
+void KvGranularity::FreeLocked(void* pv, KvGranularityMemoryWatcher* pWatcher)
+{
     KvJournal& j = KvPoolJournal();
     KV_JOURNAL_SET(j, *static_cast<uint32_t*>(pv), _pchHead.Offset());  // last freed, first reused
     KV_JOURNAL_SET(j, _pchHead, KvsPtr<char>(static_cast<char*>(pv)));
@@ -164,6 +175,24 @@ void KvGranularity::Free(void* pv, KvGranularityMemoryWatcher* pWatcher)
     }
     if (pWatcher != nullptr)
         pWatcher->CountFree(_poinf->_fMemChecking != 0);
+}
+
+void KvGranularity::_FreeFromJournal(void* pv, uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter)
+{
+    const uint32_t iIndex = _IndexForSize(cbBlock);
+    const uint32_t step = cbBlock < 8192 ? cbBlock : 8192;
+    if (iIndex >= KVGRAN_COUNT || _aogran[iIndex]._stSize != cbBlock || !_IsPointerInComittedRange(pv) ||
+        _CalcOffset(pv) % step != 0) {
+        char sz[160];
+        snprintf(sz, sizeof(sz), "KvGranularity: a journal names a block of 0x%x bytes at 0x%x that no pool holds",
+                 cbBlock, _CalcOffset(pv));
+        _DebugOutput(sz);
+        __atomic_store_n(pcbUsed, cbUsedAfter, __ATOMIC_RELEASE);
+        return;
+    }
+    KvPoolLock lock;
+    _aogran[iIndex].FreeLocked(pv, nullptr);
+    KV_JOURNAL_SET(KvPoolJournal(), *pcbUsed, cbUsedAfter);
 }
 
 // In 64 bits: a request near 4 GiB must not wrap into a small size.

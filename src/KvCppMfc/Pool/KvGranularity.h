@@ -71,7 +71,14 @@ public:
     static void _FillMemoryState(KvGranularityMemoryState& state);
 
     void* Alloc(uint32_t n, KvGranularityMemoryWatcher* pWatcher);
+    // Inside a section of the global mutex the block stays allocated until the
+    // section ends (KvTreeJournal.h).
     void Free(void* pv, KvGranularityMemoryWatcher* pWatcher);
+    // A block that a journal names goes back to its pool now, and *pcbUsed
+    // becomes cbUsedAfter in the same pool operation, so that a death never
+    // frees it twice or not at all.
+    static void _FreeFromJournal(void* pv, uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter);
+    void FreeLocked(void* pv, KvGranularityMemoryWatcher* pWatcher);
     void MemPrepare();
     // True when this pool has no free block and the segment no room for a chunk.
     bool IsExhausted() const;

@@ -31,33 +31,39 @@ void KvJournal::DieIfDue()
         kill(getpid(), SIGKILL);
 }
 
+void KvJournal::ListRecords(uint32_t cbUsed, std::vector<uint32_t>* pvofs) const
+{
+    pvofs->clear();
+    for (uint32_t ofs = 0; ofs + sizeof(KvJournalRecord) <= cbUsed && cbUsed <= m_cbRecords;) {
+        KvJournalRecord rec;
+        memcpy(&rec, Records() + ofs, sizeof(rec));
+        const uint32_t dwKind = rec.dwKindAndSize & KVJRN_KIND_MASK;
+        const uint32_t cb = rec.dwKindAndSize & ~KVJRN_KIND_MASK;
+        const uint32_t cbData = dwKind == KVJRN_BYTES ? ((cb + 3u) & ~3u) : 0;
+        const uint64_t ofsEnd = static_cast<uint64_t>(rec.ofs) + cb;
+        if (dwKind > KVJRN_FREE || ofsEnd > KvGranularity::_stMax || ofs + sizeof(rec) + cbData > cbUsed)
+            break;
+        pvofs->push_back(ofs);
+        ofs += static_cast<uint32_t>(sizeof(rec)) + cbData;
+    }
+}
+
 uint32_t KvJournal::RollBack(const char* pszWhy)
 {
     KvJournalHead* pHead = Head();
     const uint32_t cbUsed = pHead->cbUsed;
     if (cbUsed == 0)
         return 0;
-    // Walk forward to find the records, then write them back newest first; a
-    // record that does not fit the journal or the segment ends the walk (it
-    // can only be a torn one, which never counted).
     std::vector<uint32_t> vofsRecords;
-    for (uint32_t ofs = 0; ofs + sizeof(KvJournalRecord) <= cbUsed && ofs <= m_cbRecords;) {
-        KvJournalRecord rec;
-        memcpy(&rec, Records() + ofs, sizeof(rec));
-        const uint64_t ofsEnd = static_cast<uint64_t>(rec.ofs) + rec.cb;
-        if (rec.cb > m_cbRecords || ofsEnd > KvGranularity::_stMax || ofs + sizeof(rec) + rec.cb > cbUsed)
-            break;
-        vofsRecords.push_back(ofs);
-        ofs += static_cast<uint32_t>(sizeof(rec)) + ((rec.cb + 3u) & ~3u);
-    }
+    ListRecords(cbUsed, &vofsRecords);
     for (auto it = vofsRecords.rbegin(); it != vofsRecords.rend(); ++it) {
         KvJournalRecord rec;
         memcpy(&rec, Records() + *it, sizeof(rec));
-        memcpy(KvGranularity::_pvBase + rec.ofs, Records() + *it + sizeof(rec), rec.cb);
+        memcpy(KvGranularity::_pvBase + rec.ofs, Records() + *it + sizeof(rec), rec.dwKindAndSize);
     }
     char sz[200];
-    snprintf(sz, sizeof(sz), "%s: undid the unfinished change of process %u (%zu writes; %s)", m_pszMutex, pHead->dwPid,
-             vofsRecords.size(), pszWhy);
+    snprintf(sz, sizeof(sz), "%s: undid the unfinished change of process %u (%zu writes; %s)", m_pszMutex,
+             pHead->dwPid, vofsRecords.size(), pszWhy);
     _DebugOutput(sz);
     pHead->cRolledBack += 1;
     __atomic_signal_fence(__ATOMIC_SEQ_CST);

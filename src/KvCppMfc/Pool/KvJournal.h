@@ -10,43 +10,71 @@
 // them. Everything else is written through Set or after Save.
 //
 // The pool mutex OGRAN.MTX has its journal in the header zone: a pool operation
-// changes a handful of words.
+// changes a handful of words. The global mutex's journal (KvTreeJournal.h) has
+// its head there too, and its records in an object of their own.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#include <vector>
 
 #include "KvGranularity.h"
 
-constexpr uint32_t KVGRAN_POOL_JOURNAL_OFFSET = 0x820;
+constexpr uint32_t KVGRAN_TREE_JOURNAL_OFFSET = 0x820;  // the head only
+constexpr uint32_t KVGRAN_POOL_JOURNAL_OFFSET = 0x830;
 constexpr uint32_t KVGRAN_POOL_JOURNAL_END = 0xF00;
 
 #pragma pack(push, 1)
 struct KvJournalHead {
-    uint32_t cbUsed;       // bytes of records after the head; 0: nothing to undo
+    uint32_t cbUsed;       // bytes of records; 0: nothing to undo
     uint32_t dwPid;        // the process whose records they are
-    uint32_t cRolledBack;  // sections undone since the segment was made
-    uint32_t dwReserved;
+    uint32_t cRolledBack;  // sections undone (or finished) for a process that ended inside them
+    uint32_t dwState;      // KVJRN_STATE_...
 };
-// A record: where, how many bytes, then the old bytes (padded to 4).
+// A record: where, what, then for KVJRN_BYTES the old bytes (padded to 4).
 struct KvJournalRecord {
     uint32_t ofs;
-    uint32_t cb;
+    uint32_t dwKindAndSize;  // KVJRN_... | byte count (block size for the logical kinds)
 };
 #pragma pack(pop)
 static_assert(sizeof(KvJournalHead) == 16 && sizeof(KvJournalRecord) == 8, "");
-static_assert(KVGRAN_POOL_JOURNAL_OFFSET >= 0x800 + 32, "the pool journal lies after the build fingerprint");
+static_assert(KVGRAN_TREE_JOURNAL_OFFSET >= 0x800 + 32, "the journals lie after the build fingerprint");
+static_assert(KVGRAN_POOL_JOURNAL_OFFSET >= KVGRAN_TREE_JOURNAL_OFFSET + sizeof(KvJournalHead), "");
+
+// Kinds of record. BYTES is undone by writing the bytes back; ALLOC (a block
+// this section took) by freeing the block; FREE (a block this section gave
+// up) is what the section's end does, since a block another process may take
+// cannot be taken back.
+enum : uint32_t {
+    KVJRN_BYTES = 0,
+    KVJRN_ALLOC = 1u << 28,
+    KVJRN_FREE = 2u << 28,
+    KVJRN_KIND_MASK = 0xF0000000u,
+};
+// States of a journal: its records are undone when its owner dies, or, once
+// the section has begun its deferred frees, finished.
+enum : uint32_t {
+    KVJRN_STATE_OPEN = 0,
+    KVJRN_STATE_COMMITTING = 1,
+};
 static_assert(KVGRAN_POOL_JOURNAL_END <= 0xF00, "and before the process table's information");
 
 class KvJournal {
 public:
-    // A journal over the bytes [ofsBegin, ofsEnd) of the header zone, guarded
-    // by the mutex named pszMutex.
+    // A journal whose head lies at ofsBegin of the header zone, its records
+    // after it up to ofsEnd; guarded by the mutex named pszMutex.
     constexpr KvJournal(uint32_t ofsBegin, uint32_t ofsEnd, const char* pszMutex)
         : m_ofsBegin(ofsBegin), m_cbRecords(ofsEnd - ofsBegin - static_cast<uint32_t>(sizeof(KvJournalHead))),
           m_pszMutex(pszMutex)
     {
+    }
+    // The records lie at pchRecords instead (cbRecords bytes), or after the head
+    // again for null.
+    void BindRecords(char* pchRecords, uint32_t cbRecords)
+    {
+        m_pchRecords = pchRecords;
+        m_cbRecords = cbRecords;
     }
 
     // Requires: the segment is attached and the caller owns the mutex.
@@ -68,14 +96,22 @@ public:
         const KvJournalRecord rec{static_cast<uint32_t>(pch - pBase), cb};
         memcpy(pRecord, &rec, sizeof(rec));
         memcpy(pRecord + sizeof(rec), pch, cb);
-        if (cbUsed == 0)
-            NoteWriter(pHead);
-        // The record is whole before it counts, and counts before the change: a
-        // death anywhere leaves either no record or one that undoes nothing yet.
-        __atomic_store_n(&pHead->cbUsed, cbUsed + cbRecord, __ATOMIC_RELEASE);
-        __atomic_signal_fence(__ATOMIC_SEQ_CST);
-        if (__builtin_expect(sm_cDieAtSave != 0, 0))
-            DieIfDue();
+        Publish(pHead, cbUsed, cbRecord, nullptr);
+    }
+    // Requires: as Save. Appends a logical record (KVJRN_ALLOC or KVJRN_FREE) of
+    // the block at pv of cbBlock bytes. With pjrnPools, the record counts
+    // through that journal's write: it then belongs to the pool operation in
+    // progress, and is gone if that operation is undone.
+    void AppendLogical(uint32_t dwKind, const void* pv, uint32_t cbBlock, KvJournal* pjrnPools)
+    {
+        KvJournalHead* pHead = Head();
+        const uint32_t cbUsed = pHead->cbUsed;
+        const uint32_t cbRecord = static_cast<uint32_t>(sizeof(KvJournalRecord));
+        if (cbUsed + cbRecord > m_cbRecords)
+            ThrowFull(0);
+        const KvJournalRecord rec{KvGranularity::_CalcOffset(pv), dwKind | cbBlock};
+        memcpy(Records() + cbUsed, &rec, sizeof(rec));
+        Publish(pHead, cbUsed, cbRecord, pjrnPools);
     }
     // Records the field, then stores the value (through KV_JOURNAL_SET, which
     // also takes the fields of packed structures).
@@ -95,17 +131,41 @@ public:
     }
     // Writes the records back, newest first, and discards them; reports what
     // it undid on the debug output, naming pszWhy. Returns the records undone.
+    // For journals with BYTES records only (the pool journal).
     uint32_t RollBack(const char* pszWhy);
     bool IsEmpty() const { return Head()->cbUsed == 0; }
     uint32_t RolledBackCount() const { return Head()->cRolledBack; }
+    KvJournalHead* Head() const { return reinterpret_cast<KvJournalHead*>(KvGranularity::_pvBase + m_ofsBegin); }
+    char* Records() const
+    {
+        return m_pchRecords != nullptr ? m_pchRecords : KvGranularity::_pvBase + m_ofsBegin + sizeof(KvJournalHead);
+    }
+    uint32_t RecordBytes() const { return m_cbRecords; }
+    const char* MutexName() const { return m_pszMutex; }
+    // The offsets of the valid records among the first cbUsed bytes, oldest
+    // first; a record that does not fit ends the list (it can only be a torn
+    // one, which never counted).
+    void ListRecords(uint32_t cbUsed, std::vector<uint32_t>* pvofs) const;
 
     // Test hook: the process kills itself with SIGKILL at the k-th Save from now
     // on, after the record and before the change (0: never).
     static void DieAtSave(uint32_t k) { sm_cDieAtSave = k; }
 
 private:
-    KvJournalHead* Head() const { return reinterpret_cast<KvJournalHead*>(KvGranularity::_pvBase + m_ofsBegin); }
-    char* Records() const { return KvGranularity::_pvBase + m_ofsBegin + sizeof(KvJournalHead); }
+    // The record is whole before it counts, and counts before the change: a
+    // death anywhere leaves either no record or one that undoes nothing yet.
+    void Publish(KvJournalHead* pHead, uint32_t cbUsed, uint32_t cbRecord, KvJournal* pjrnPools)
+    {
+        if (cbUsed == 0)
+            NoteWriter(pHead);
+        if (pjrnPools != nullptr)
+            pjrnPools->SetAt<uint32_t>(&pHead->cbUsed, cbUsed + cbRecord);
+        else
+            __atomic_store_n(&pHead->cbUsed, cbUsed + cbRecord, __ATOMIC_RELEASE);
+        __atomic_signal_fence(__ATOMIC_SEQ_CST);
+        if (__builtin_expect(sm_cDieAtSave != 0, 0))
+            DieIfDue();
+    }
     [[noreturn]] void ThrowFull(uint32_t cb) const;
     static void NoteWriter(KvJournalHead* pHead);
     static void DieIfDue();
@@ -113,6 +173,7 @@ private:
     uint32_t m_ofsBegin;
     uint32_t m_cbRecords;
     const char* m_pszMutex;
+    char* m_pchRecords = nullptr;
     static inline uint32_t sm_cDieAtSave = 0;
 };
 

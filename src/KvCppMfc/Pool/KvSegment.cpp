@@ -15,6 +15,7 @@
 #include "../Platform/KvPlatform.h"
 #include "KvGranularity.h"
 #include "KvJournal.h"
+#include "KvTreeJournal.h"
 #include "KvMemoryWatcher.h"
 #include "KvSegmentState.h"
 
@@ -93,6 +94,7 @@ void KvSegmentForkParent()
 void KvSegmentForkChild()
 {
     KvSegmentStatics& s = S();
+    KvTreeJournalForgetAfterFork();
     if (s.lockCritSec.IsOpen())
         s.lockCritSec.ResetAfterFork();
     if (!KvIsAttachedShared()) {
@@ -159,6 +161,7 @@ struct KvCritSecScope {
 // Gives up this process's attachment without touching the shared counter.
 void KvDropAttachment()
 {
+    KvTreeJournalDetach();
     S().shmSegment.Close();
     S().mtxPools.Close();
     KvGranularity::_pvBase = nullptr;
@@ -261,13 +264,14 @@ bool KvAllocNamedSharedMem(void** ppvBase, const char* pszName, uint32_t size, u
     KvEnterCritSec();
     if (*ppvBase == nullptr) {
         if (KvOpenOrCreateSegment(KvObjectName(pszName), size, &fCreated) && s.shmSegment.Map() &&
-            s.mtxPools.OpenOrCreate("OGRAN.MTX")) {
+            s.mtxPools.OpenOrCreate("OGRAN.MTX") && KvTreeJournalAttach(true, fCreated)) {
             *ppvBase = s.shmSegment.m_pv;
             KvGranularity::_hMem = s.shmSegment.m_fd;
             s.fPrivate = false;
             KvRegisterSegmentForkHandlers();
         } else {
             s.shmSegment.Close();
+            KvTreeJournalDetach();
             *ppvBase = nullptr;
             fCreated = false;
         }
@@ -332,6 +336,11 @@ void KvGranularity::_AllocMem(uint32_t size)
     _pvBase = static_cast<char*>(pv);
     S().fPrivate = true;
     _stMax = size;
+    if (!KvTreeJournalAttach(false, true)) {
+        KvReleaseMemory(pv, size);
+        _pvBase = nullptr;
+        KvGranThrow("Out of memory in KvGranularity::AllocMem()");
+    }
     _Init(true);
     KvSetStatisticsDump(&KvGranularityMemoryState::DumpCurrentStatistics);
     _s_cThisApplicationsAccess += 1;
@@ -398,6 +407,7 @@ void* KvGranularity::_SetRoot(void* pv, int index)
     if (_poinf == nullptr || index < 0 || index >= 16)
         return nullptr;  // a slot that does not exist is never written
     void* pvOld = _CalcPtr(_poinf->_aptrRoot[index]);
+    KvsSave(static_cast<void*>(&_poinf->_aptrRoot[index]), sizeof(uint32_t));
     _poinf->_aptrRoot[index] = _CalcOffset(pv);
     return pvOld;
 }

@@ -20,6 +20,28 @@ struct KvGranularityStatics {
     }
 };
 
+// --- the write path ------------------------------------------------------------
+// Every change the tree's code makes to a word of the segment goes through
+// KvsSave first: the offset pointer below, and KvsWord and KvsWriteBytes
+// (KvsWord.h), do it for their callers. Inside a section of the global mutex it
+// records the old bytes in the section's journal (KvTreeJournal.h), so that the
+// section can be undone when its process dies; outside one it costs a test of
+// a thread-local flag. Built with KV_JOURNAL=0 (for measuring), it is nothing.
+#ifndef KV_JOURNAL
+#define KV_JOURNAL 1
+#endif
+#if KV_JOURNAL
+extern thread_local bool t_fKvsJournaling;
+void KvsJournalSave(const void* pv, uint32_t cb);
+inline void KvsSave(const void* pv, uint32_t cb)
+{
+    if (t_fKvsJournaling)
+        KvsJournalSave(pv, cb);
+}
+#else
+inline void KvsSave(const void*, uint32_t) {}
+#endif
+
 typedef void (*KvDeleteFunction)(void* pv);
 KvDeleteFunction KvGetDeleteFunction(int32_t iIndex);  // KvGranularity::_GetDeleteFunction
 
@@ -28,6 +50,7 @@ template <class T>
 class KvsPtr {
 public:
     KvsPtr() : m_ofs(0) {}
+    KvsPtr(const KvsPtr&) = default;
     explicit KvsPtr(const T* p) : m_ofs(KvGranularityStatics::_CalcOffset(p)) {}
     static KvsPtr FromOffset(uint32_t ofs)
     {
@@ -45,7 +68,12 @@ public:
     bool IsNotNull() const { return m_ofs != 0; }
     KvsPtr& operator=(const T* p)
     {
-        m_ofs = KvGranularityStatics::_CalcOffset(p);
+        Set(KvGranularityStatics::_CalcOffset(p));
+        return *this;
+    }
+    KvsPtr& operator=(const KvsPtr& o)
+    {
+        Set(o.m_ofs);
         return *this;
     }
     bool operator==(const KvsPtr& o) const { return m_ofs == o.m_ofs; }
@@ -59,10 +87,15 @@ public:
         void* pv = KvGranularityStatics::_CalcPtr(m_ofs);
         const int32_t iIndex = *static_cast<const int32_t*>(pv);
         KvGetDeleteFunction(iIndex)(pv);
-        m_ofs = 0;
+        Set(0);
     }
 
 private:
+    void Set(uint32_t ofs)
+    {
+        KvsSave(this, sizeof(*this));
+        m_ofs = ofs;
+    }
     uint32_t m_ofs;
 };
 #pragma pack(pop)

@@ -90,7 +90,7 @@ public:
         m_pNext = KvsPtr<T>();
     }
 
-    int32_t m_iDeleteFunction;
+    KvsWord<int32_t> m_iDeleteFunction;
     KvsPtr<T> m_pNext;
 
 private:
@@ -188,11 +188,11 @@ public:
     // the first violation found in *pstrError (when given) and returns false.
     bool CheckStructure(std::string* pstrError) const;
 
-    uint32_t m_dwVtblPlaceholder;  // stands where the original had its virtual table; stays 0
+    KvsWord<uint32_t> m_dwVtblPlaceholder;  // stands where the original had its virtual table; stays 0
     KvsPtr<Top> m_pAnchor;
-    uint32_t m_dwSortType;
-    uint8_t m_bOwnsEntries;
-    uint32_t m_cEntries;
+    KvsWord<uint32_t> m_dwSortType;
+    KvsWord<uint8_t> m_bOwnsEntries;
+    KvsWord<uint32_t> m_cEntries;
 
 private:
     template <class F>

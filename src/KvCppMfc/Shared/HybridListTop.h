@@ -142,10 +142,10 @@ public:
     // Merges this entry into its previous one and deletes it.
     void Remove();
 
-    int32_t m_iDeleteFunction;
+    KvsWord<int32_t> m_iDeleteFunction;
     KvsPtr<QTopNode> m_pPrev;
     KvsPtr<QTopNode> m_pNext;
-    uint32_t m_cCount;
+    KvsWord<uint32_t> m_cCount;
     KvsPtr<QTopNode> m_pParent;
     KvsPtr<QTopNode> m_pChild;
     KvsPtr<T> m_pBottom;

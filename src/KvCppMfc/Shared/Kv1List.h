@@ -32,7 +32,7 @@ public:
     // the element of the next node without testing for the end first.
     static const T& GetData(const Kv1Node* p) { return p != nullptr ? p->m_data : sm_tDummy; }
 
-    int32_t m_iDeleteFunction;
+    KvsWord<int32_t> m_iDeleteFunction;
     KvsPtr<Kv1Node> m_pNext;
     T m_data;
 
@@ -127,11 +127,11 @@ public:
     int32_t GetCount() const { return m_cCount; }
     bool IsEmpty() const { return m_cCount == 0; }
 
-    uint32_t m_dwVtblPlaceholder;
-    int32_t m_iDeleteFunction;
+    KvsWord<uint32_t> m_dwVtblPlaceholder;
+    KvsWord<int32_t> m_iDeleteFunction;
     KvsPtr<Node> m_pHead;
     KvsPtr<Node> m_pTail;
-    int32_t m_cCount;
+    KvsWord<int32_t> m_cCount;
 
 private:
     static void FreeNode(Node* p) { KvSharedClassDelete<Node>(p); }

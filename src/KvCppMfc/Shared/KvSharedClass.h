@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "../Pool/KvGranularity.h"
+#include "../Pool/KvsWord.h"
 
 // Destroys an object of class X in place and gives its block back to its pool.
 template <class X>

@@ -65,10 +65,10 @@ public:
             m_ptrParent.Delete();
     }
 
-    int32_t m_iDeleteFunction;
-    int32_t m_cSmart;
-    int32_t m_cChild;
-    uint8_t m_bReserved;
+    KvsWord<int32_t> m_iDeleteFunction;
+    KvsWord<int32_t> m_cSmart;
+    KvsWord<int32_t> m_cChild;
+    KvsWord<uint8_t> m_bReserved;
     KvsPtr<KvSmartPtrTarget> m_ptrParent;
 };
 #pragma pack(pop)

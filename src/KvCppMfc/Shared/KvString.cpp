@@ -55,7 +55,7 @@ void KvString::Init(const char* psz)
     const size_t cch = strlen(psz);
     AllocIfNecessary(static_cast<uint32_t>(cch + 1));
     if (m_psz.IsNotNull())
-        memcpy(m_psz.Get(), psz, cch + 1);
+        KvsWriteBytes(m_psz.Get(), psz, cch + 1);
 }
 
 void KvString::Assign(const char* psz)
@@ -67,7 +67,7 @@ void KvString::Assign(const char* psz)
     // frees psz under our feet.
     AllocIfNecessary(static_cast<uint32_t>(cch + 1));
     if (m_psz.IsNotNull())
-        memmove(m_psz.Get(), psz, cch + 1);
+        KvsWriteBytes(m_psz.Get(), psz, cch + 1);
 }
 
 void KvString::ConcatN(const char* psz, uint32_t cch)
@@ -86,8 +86,8 @@ void KvString::ConcatN(const char* psz, uint32_t cch)
     char* p = m_psz.Get();
     if (p == nullptr)
         return;
-    memcpy(p + cchOld, psz, cch);
-    p[cchOld + cch] = '\0';
+    KvsWriteBytes(p + cchOld, psz, cch);
+    KvsWriteBytes(p + cchOld + cch, "", 1);
 }
 
 void KvString::Concat(const char* psz)

@@ -15,6 +15,7 @@
 #include <cstdint>
 
 #include "../Pool/KvGranularity.h"
+#include "../Pool/KvsWord.h"
 
 #pragma pack(push, 1)
 class KvString {
@@ -49,7 +50,7 @@ public:
     // Makes room for n bytes, terminator included.
     void AllocIfNecessary(uint32_t n);
 
-    uint32_t m_dwDeleteIndex;       // the shared-object index word; not the string's
+    KvsWord<uint32_t> m_dwDeleteIndex;       // the shared-object index word; not the string's
     KvsPtr<char> m_psz;             // the buffer; 0: none
     KvsPtr<KvGranularity> m_pGran;  // the pool entry of the buffer; 0: none
 

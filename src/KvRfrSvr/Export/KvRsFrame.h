@@ -7,9 +7,11 @@
 // The mutex is released on every path.
 #pragma once
 
+#include <type_traits>
 #include <utility>
 
 #include "KvCppMfc/Platform/KvPlatform.h"
+#include "KvCppMfc/Pool/KvTreeJournal.h"
 #include "KvRsException.h"
 #include "KvRsReaper.h"
 
@@ -50,8 +52,11 @@ void KvRsReportUnknown(int nLine);
 [[noreturn]] void KvRsThrowFault(const KvFaultInfo& info);
 [[noreturn]] void KvRsRaiseAccessViolation(const void* pvData);
 
-// What a guarded run caught.
-enum class KvRsCaught { Nothing, RsException, Other };
+// What a guarded run caught. Retry: a pool ran out inside a call while ended
+// processes held memory that only the end of a call can give back; the call
+// is undone, that memory is given back, and the call runs once more.
+enum class KvRsCaught { Nothing, RsException, Other, Retry };
+struct KvRsRetryAfterReclaim {};
 
 // Runs body inside a fault frame and a try block; says what it caught and keeps
 // a caught KvRsException in *pex. The report is made by the caller, outside the
@@ -65,30 +70,63 @@ KvRsCaught KvRsRunGuarded(Body&& body, KvRsException* pex)
     } catch (const KvRsException& ex) {
         *pex = ex;
         return KvRsCaught::RsException;
+    } catch (const KvRsRetryAfterReclaim&) {
+        return KvRsCaught::Retry;
     } catch (...) {
         return KvRsCaught::Other;
     }
     return KvRsCaught::Nothing;
 }
 
+// The outermost frame's call is one section of the tree journal: it is
+// committed when the body ends, however it ends. A body that ran out of pool
+// memory for ended processes' messages is undone, the memory given back, and
+// run once more (the retry flag keeps it to once).
+extern thread_local bool t_fKvRsRetried;
+void KvRsReclaimForRetry();
+
 // The frame around a body without result. nLine is the exported function's line,
-// reported by the catch-all answer.
+// reported by the catch-all answer. The body may run twice (see above).
 template <class Body>
 void KvRsFramed(int nLine, Body&& body)
 {
     if (!KvRsIsRunning())
         return;
     KvRsGlobalLock lock;
+    const bool fOuter = t_cKvFaultFrames == 0;
     KvRsException ex{nullptr, nullptr};
-    const KvRsCaught caught = KvRsRunGuarded(std::forward<Body>(body), &ex);
+    KvRsCaught caught = KvRsRunGuarded(body, &ex);
+    if (caught == KvRsCaught::Retry) {
+        KvRsReclaimForRetry();
+        caught = KvRsRunGuarded(body, &ex);
+    }
+    if (fOuter) {
+        KvTreeSectionCommit();
+        t_fKvRsRetried = false;
+    }
     if (caught == KvRsCaught::RsException)
         KvRsReportException(ex);
-    else if (caught == KvRsCaught::Other)
+    else if (caught == KvRsCaught::Other || caught == KvRsCaught::Retry)
         KvRsReportUnknown(nLine);
     // Ended processes that a pool ran out for are reaped once the outermost
     // call is done, when no operation is half-way through the tree.
-    if (g_fKvRsReapPending && t_cKvFaultFrames == 0)
+    if (g_fKvRsReapPending && t_cKvFaultFrames == 0) {
         KvRsReapPendingNow();
+        KvTreeSectionCommit();
+    }
+}
+
+// A result set by a run that was undone names nothing any more: forgotten, not
+// released (the undo took its reference back already).
+class KvRsProxy;
+void KvRsForgetProxy(KvRsProxy& proxy);
+template <class R>
+void KvRsForgetResult(R& result)
+{
+    if constexpr (std::is_base_of<KvRsProxy, R>::value)
+        KvRsForgetProxy(result);
+    else
+        result = R{};
 }
 
 // The frame around a body that fills a result of type R. The result starts
@@ -98,6 +136,12 @@ template <class R, class Body>
 R KvRsFramedResult(int nLine, Body&& body)
 {
     R result{};
-    KvRsFramed(nLine, [&] { body(result); });
+    bool fRun = false;
+    KvRsFramed(nLine, [&] {
+        if (fRun)
+            KvRsForgetResult(result);
+        fRun = true;
+        body(result);
+    });
     return result;
 }

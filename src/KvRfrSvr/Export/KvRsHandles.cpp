@@ -2,6 +2,8 @@
 // exported reference functions.
 #include "KvRsHandles.h"
 
+#include "KvRsFrame.h"
+
 void* KvRsHandleAddress(void* handle)
 {
     const uintptr_t uOffset = reinterpret_cast<uintptr_t>(handle);
@@ -21,6 +23,11 @@ void KvRsProxyAccess::Release(KvRsProxy& proxy)
         KvReleaseSmartUnit(static_cast<KvSmartPtrTarget*>(KvRsHandleAddress(proxy.m_pvHandle)));
     proxy.m_pvHandle = nullptr;
     proxy.m_dwId = 0;
+}
+
+void KvRsForgetProxy(KvRsProxy& proxy)
+{
+    KvRsProxyAccess::Forget(proxy);
 }
 
 void KvRsProxyAccess::Assign(KvRsProxy& proxy, CRsObj* pObj)

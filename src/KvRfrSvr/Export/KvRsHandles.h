@@ -83,6 +83,12 @@ struct KvRsProxyAccess {
     static void Assign(KvRsProxy& proxy, CRsObj* pObj);
     // Releases the reference the proxy holds and empties it.
     static void Release(KvRsProxy& proxy);
+    // Empties the proxy without releasing anything.
+    static void Forget(KvRsProxy& proxy)
+    {
+        proxy.m_pvHandle = nullptr;
+        proxy.m_dwId = 0;
+    }
 };
 
 // SetProxy: the object must not be null (a null one is the access violation of

@@ -16,6 +16,7 @@
 #include "KvCppMfc/Platform/KvStaleNamespaces.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvCppMfc/Pool/KvProcessTable.h"
+#include "KvCppMfc/Pool/KvTreeJournal.h"
 #include "KvRfrSvr.h"
 #include "KvRfrSvr/Internal/CRsModel.h"
 #include "KvRsFrame.h"
@@ -24,6 +25,9 @@ namespace {
 
 const uint32_t KVRS_SEGMENT_SIZE = 0x4000000;
 KV_INIT_STATICS KvNamedMutex s_mtxGlobal;  // "KVRFRSVR_GLOBAL_MUTEX"
+// How often this thread holds the global mutex: the first taking opens the
+// tree journal's section, the last release closes it.
+thread_local uint32_t t_cKvRsGlobalDepth = 0;
 
 // Runs one step of start-up or clean-up under the fault translation of the frame.
 // A failure is reported on standard error and the next step still runs: a
@@ -86,6 +90,7 @@ template <class Step>
 void KvRsExitStep(const char* pszStep, uint32_t dwDone, Step&& step)
 {
     KvRsRunStep(pszStep, std::forward<Step>(step));
+    KvTreeSectionCommit();  // the step is final before the entry says it is done
     KvRsMarkExitStep(dwDone);
 }
 
@@ -102,6 +107,7 @@ void KvRsAtExit()
     KvRsExitStep("KvRfrSvr release of the root", KVPRC_DONE_ROOT, [] { KvRsReleaseRoot(); });
     KvRsExitStep("KvRfrSvr release of the default queue", KVPRC_DONE_QUEUE, [] { g_ptrThisPrcsQueue.RmvRef(); });
     KvRsRunStep("KvRfrSvr process table", [] { KvRsUnregisterThisProcess(); });
+    KvTreeSectionClose();
     KvProcessTableWakeNow();  // nothing may point into the segment once it is gone
     KvRsRunStep("KvRfrSvr release of the segment", [] { KvGranularity::_FreeMem(); });
     s_mtxGlobal.Unlock();
@@ -116,6 +122,7 @@ void KvRsAtExit()
 // own). The atexit clean-up is inherited and then cleans up for the child.
 void KvRsAfterForkChild()
 {
+    t_cKvRsGlobalDepth = 0;  // the parent's thread may have held the mutex; this one does not
     if (g_eKvRsState != KvRsState::Running)
         return;
     g_ptrThisPrcsQueue.Detach();
@@ -124,6 +131,7 @@ void KvRsAfterForkChild()
     KvRsGlobalLock lock;
     KvRsRunStep("KvRfrSvr default queue of the fork child", [] {
         KvRsCreateDefaultQueue();
+        KvTreeSectionCommit();  // the queue is final before the table names it
         KvRsRegisterThisProcess();
     });
 }
@@ -194,6 +202,7 @@ void KvRsStartUp()
             KvRsReapAtStartUp();
             KvRsCreateRootIfMissing();
             KvRsCreateDefaultQueue();
+            KvTreeSectionCommit();  // the queue is final before the table names it
             KvRsRegisterThisProcess();
         });
     }
@@ -217,7 +226,10 @@ __attribute__((constructor(KV_INIT_STARTUP))) void KvRsLoadTimeStartUp()
 
 void KvRsLockGlobal()
 {
-    s_mtxGlobal.Lock();
+    if (!s_mtxGlobal.Lock())
+        return;
+    if (++t_cKvRsGlobalDepth == 1)
+        KvTreeSectionOpen();
 }
 
 bool KvRsGlobalOwned()
@@ -227,6 +239,8 @@ bool KvRsGlobalOwned()
 
 void KvRsUnlockGlobal()
 {
+    if (s_mtxGlobal.IsOwned() && t_cKvRsGlobalDepth > 0 && --t_cKvRsGlobalDepth == 0)
+        KvTreeSectionClose();
     s_mtxGlobal.Unlock();
     // Receivers of what this thread notified are woken once the mutex is free
     // (the segment stays mapped: the exit clean-up wakes before it unmaps).

@@ -26,14 +26,19 @@ KvRsMsgProxy KvRsCreateMsg(unsigned long type, KvRsValueProxy value, KvRsNodePro
     KvRsMsgProxy result;
     if (!KvRsIsRunning())
         return result;
-    KvSmartPtr<CRsMsg> ptrMsg(KvNewObject);
-    KV_CHECK(ptrMsg.IsNotNull(), KVRS_EXPORT_MODULE);
-    ptrMsg->m_dwMsg = static_cast<uint32_t>(type);
-    ptrMsg->m_pvMsgTarget = hTarget;
-    ptrMsg->m_idMsgTarget = static_cast<uint32_t>(idTarget);
-    ptrMsg->m_ptrNode = KvRsHandle2<CRsNode>(changedNode.GetHandle(), changedNode.GetId());
-    ptrMsg->m_ptrValue = KvRsHandle2<CRsValue>(value.GetHandle(), value.GetId());
-    KvRsSetProxy(result, ptrMsg);
+    {
+        KvSmartPtr<CRsMsg> ptrMsg(KvNewObject);
+        KV_CHECK(ptrMsg.IsNotNull(), KVRS_EXPORT_MODULE);
+        ptrMsg->m_dwMsg = static_cast<uint32_t>(type);
+        ptrMsg->m_pvMsgTarget = hTarget;
+        ptrMsg->m_idMsgTarget = static_cast<uint32_t>(idTarget);
+        ptrMsg->m_ptrNode = KvRsHandle2<CRsNode>(changedNode.GetHandle(), changedNode.GetId());
+        ptrMsg->m_ptrValue = KvRsHandle2<CRsValue>(value.GetHandle(), value.GetId());
+        KvRsSetProxy(result, ptrMsg);
+    }
+    // Under KvRsRequestMutex the message is final now, like any completed call.
+    if (t_cKvFaultFrames == 0)
+        KvTreeSectionCommit();
     return result;
 }
 

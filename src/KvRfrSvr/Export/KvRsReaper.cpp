@@ -46,7 +46,9 @@ void KvRsReleaseRootReference()
 }
 
 // Each step is recorded as done before the next begins, so that a reaper that
-// dies half-way leaves the remaining steps, and only those, to the next.
+// dies half-way leaves the remaining steps, and only those, to the next. A step
+// is committed before it is recorded: a reaper that dies inside one has it
+// undone, and the record still says it is to be done.
 KvRsReaped KvRsReapOne(KvProcessEntry& e)
 {
     KvRsReaped r{KvProcessKey{e.dwPid, e.qwStartTime}, 0, 0};
@@ -57,6 +59,7 @@ KvRsReaped KvRsReapOne(KvProcessEntry& e)
         KvSmartPtr<CRsNode> ptrRoot = GetRoot();
         if (ptrRoot.IsNotNull())
             r.cConnections = ptrRoot->DisconnectProcessOf(e.dwPid, true);
+        KvTreeSectionCommit();
         e.dwDone |= KVPRC_DONE_DISCONNECTED;
     }
     // A process that still runs under the same pid and start time replaced its
@@ -66,6 +69,7 @@ KvRsReaped KvRsReapOne(KvProcessEntry& e)
     if ((e.dwDone & KVPRC_DONE_ROOT) == 0) {
         if (!fExeced)
             KvRsReleaseRootReference();
+        KvTreeSectionCommit();
         e.dwDone |= KVPRC_DONE_ROOT;
     }
     if ((e.dwDone & KVPRC_DONE_QUEUE) == 0) {
@@ -77,10 +81,12 @@ KvRsReaped KvRsReapOne(KvProcessEntry& e)
             KvReleaseSmartUnit(pQueue);
         }
         r.cMessages = cBefore - cLeft;
+        KvTreeSectionCommit();
         e.dwDone |= KVPRC_DONE_QUEUE;
     }
     if ((e.dwDone & KVPRC_DONE_ATTACHMENT) == 0) {
         KvGranularity::_DecCountAllocSharedMem();
+        KvTreeSectionCommit();
         e.dwDone |= KVPRC_DONE_ATTACHMENT;
     }
     KvLivenessToken::Remove(r.key);
@@ -182,13 +188,12 @@ void KvRsForgetParentToken()
     s_pOwnEntry = nullptr;
 }
 
-bool KvRsReclaimFromEndedProcesses()
+namespace {
+// Ended processes whose default queue still holds messages that nobody will
+// ever take: the queue of each, or null.
+std::vector<CRsQueue*> KvRsPurgeableQueues()
 {
-    static thread_local bool t_fInside = false;
-    if (t_fInside || !KvRsGlobalOwned())
-        return false;
-    t_fInside = true;
-    bool fFreed = false;
+    std::vector<CRsQueue*> v;
     KvProcessEntry* pTable = KvProcessTable();
     for (uint32_t i = 0; pTable != nullptr && i < KVGRAN_PROCESS_TABLE_SIZE; ++i) {
         KvProcessEntry& e = pTable[i];
@@ -197,15 +202,47 @@ bool KvRsReclaimFromEndedProcesses()
         e.dwState = KVPRC_ENDED;
         g_fKvRsReapPending = true;
         CRsQueue* pQueue = KvRsQueueAt(e.ofsDefaultQueue);
-        if ((e.dwDone & (KVPRC_DONE_PURGED | KVPRC_DONE_QUEUE)) == 0 && pQueue != nullptr &&
-            pQueue->GetMsgCount() > 0) {
-            pQueue->RemoveAllMsgs();
-            fFreed = true;
-        }
-        e.dwDone |= KVPRC_DONE_PURGED;
+        if ((e.dwDone & (KVPRC_DONE_PURGED | KVPRC_DONE_QUEUE)) == 0 && pQueue != nullptr && pQueue->GetMsgCount() > 0)
+            v.push_back(pQueue);
     }
+    return v;
+}
+}  // namespace
+
+thread_local bool t_fKvRsRetried = false;
+
+bool KvRsReclaimFromEndedProcesses()
+{
+    static thread_local bool t_fInside = false;
+    if (t_fInside || !KvRsGlobalOwned())
+        return false;
+    const std::vector<CRsQueue*> vpQueues = KvRsPurgeableQueues();
+    if (vpQueues.empty())
+        return false;
+    // The blocks of the messages dropped inside a call that has changed the
+    // tree already would stay allocated until that call ends: the call is
+    // undone, the messages dropped, and the call run again (KvRsFramed).
+    const bool fEmpty = KvTreeSectionIsEmpty();
+    if (!fEmpty && t_cKvFaultFrames == 1 && !t_fKvRsRetried)
+        throw KvRsRetryAfterReclaim{};
+    t_fInside = true;
+    for (CRsQueue* pQueue : vpQueues)
+        pQueue->RemoveAllMsgs();
+    if (fEmpty)
+        KvTreeSectionCommit();  // the frees run now, for the allocation that waits
+    KvProcessEntry* pTable = KvProcessTable();
+    for (uint32_t i = 0; pTable != nullptr && i < KVGRAN_PROCESS_TABLE_SIZE; ++i)
+        if (pTable[i].dwState == KVPRC_ENDED)
+            pTable[i].dwDone |= KVPRC_DONE_PURGED;
     t_fInside = false;
-    return fFreed;
+    return true;
+}
+
+void KvRsReclaimForRetry()
+{
+    t_fKvRsRetried = true;
+    KvTreeSectionRollBack("a pool ran out; what ended processes left is given back first");
+    KvRsReclaimFromEndedProcesses();
 }
 
 void KvRsReapPendingNow()

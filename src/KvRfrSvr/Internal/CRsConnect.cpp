@@ -55,7 +55,7 @@ bool CRsConnect::IsOfProcess(uint32_t dwPrcsId) const
 
 uint32_t CRsConnect::GetQueueProcessId() const
 {
-    return m_ptrQueue.IsNotNull() ? m_ptrQueue->m_dwPrcsId : 0;
+    return m_ptrQueue.IsNotNull() ? m_ptrQueue->m_dwPrcsId.Get() : 0;
 }
 
 // One new message per call; earlier ones are never merged or replaced.
@@ -88,7 +88,7 @@ void CRsConnect::GetData(CRsConnectInfo* pBuf) const
     m_ptrQueue.AddRef();
     const uint32_t ofsOld = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(pBuf->m_pvQueue));
     pBuf->m_pvQueue = reinterpret_cast<void*>(static_cast<uintptr_t>(m_ptrQueue.Offset()));
-    pBuf->m_dwQueueId = m_ptrQueue.IsNotNull() ? m_ptrQueue->m_dwId : 0;
+    pBuf->m_dwQueueId = m_ptrQueue.IsNotNull() ? m_ptrQueue->m_dwId.Get() : 0;
     if (ofsOld != 0)
         KvReleaseSmartUnit(static_cast<KvSmartPtrTarget*>(KvGranularity::_CalcPtr(ofsOld)));
     pBuf->pvTarget = m_pvTarget;
@@ -108,5 +108,5 @@ int CRsCompareConnectKeys(const CRsConnectKey& a, const CRsConnectKey& b)
 
 CRsConnectKey CRsConnectKeyOf(const CRsConnect& connect)
 {
-    return CRsConnectKey{reinterpret_cast<uintptr_t>(connect.m_pvTarget), connect.GetQueueProcessId()};
+    return CRsConnectKey{reinterpret_cast<uintptr_t>(connect.m_pvTarget.Get()), connect.GetQueueProcessId()};
 }

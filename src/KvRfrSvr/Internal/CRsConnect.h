@@ -45,9 +45,9 @@ public:
     uint32_t GetQueueProcessId() const;
 
     KvSmartPtr<CRsQueue> m_ptrQueue;
-    void* m_pvTarget;
-    uint32_t m_idTarget;
-    int32_t m_cConnect;
+    KvsWord<void*> m_pvTarget;
+    KvsWord<uint32_t> m_idTarget;
+    KvsWord<int32_t> m_cConnect;
 };
 #pragma pack(pop)
 
@@ -67,7 +67,7 @@ KV_RS_PIN_OFFSET(CRsConnect, m_cConnect, 29 + KV_RS_PTR)
 // are deliberately not part of it.
 struct CRsConnectKey {
     uintptr_t m_uTarget;
-    uint32_t m_dwPrcsId;
+    KvsWord<uint32_t> m_dwPrcsId;
 };
 int CRsCompareConnectKeys(const CRsConnectKey& a, const CRsConnectKey& b);
 CRsConnectKey CRsConnectKeyOf(const CRsConnect& connect);

@@ -17,9 +17,9 @@ public:
     CRsMsg();
     ~CRsMsg();
 
-    uint32_t m_dwMsg;        // message number (low 16 bits of the notification number)
-    void* m_pvMsgTarget;     // receiver's opaque target handle, never dereferenced
-    uint32_t m_idMsgTarget;  // receiver's target id
+    KvsWord<uint32_t> m_dwMsg;        // message number (low 16 bits of the notification number)
+    KvsWord<void*> m_pvMsgTarget;     // receiver's opaque target handle, never dereferenced
+    KvsWord<uint32_t> m_idMsgTarget;  // receiver's target id
     KvSmartPtr<CRsNode> m_ptrNode;
     KvSmartPtr<CRsValue> m_ptrValue;
 };

@@ -92,7 +92,7 @@ public:
     // gives null, so that a bad reference can never hang or overflow the stack.
     CRsNode* GetForwardTarget() const;
 
-    uint32_t m_dwType;
+    KvsWord<uint32_t> m_dwType;
     KvString m_strName;
     KvSmartPtr<CRsRefreshInfo> m_ptrRefreshInfo;
     KvSmartPtr<CRsChildList> m_ptrChildList;

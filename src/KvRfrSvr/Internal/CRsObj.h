@@ -22,7 +22,7 @@ public:
 
     uint32_t GetId() const { return m_dwId; }
 
-    uint32_t m_dwId;
+    KvsWord<uint32_t> m_dwId;
 };
 #pragma pack(pop)
 

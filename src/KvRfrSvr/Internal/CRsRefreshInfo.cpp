@@ -57,7 +57,7 @@ void CRsRefreshInfo::DisconnectServer()
 // one more connect and takes the new id and queue.
 void CRsRefreshInfo::ConnectClient(void* pvTarget, unsigned long idTarget, const KvSmartPtr<CRsQueue>& ptrQueue)
 {
-    const CRsConnectKey key{reinterpret_cast<uintptr_t>(pvTarget), ptrQueue.IsNotNull() ? ptrQueue->m_dwPrcsId : 0};
+    const CRsConnectKey key{reinterpret_cast<uintptr_t>(pvTarget), ptrQueue.IsNotNull() ? ptrQueue->m_dwPrcsId.Get() : 0};
     if (m_lstClients.GetCount() != 0) {
         CRsConnectHln* pHln = m_lstClients.FindKey(key);
         if (pHln != nullptr && pHln->m_ptr.IsNotNull()) {
@@ -96,7 +96,7 @@ void CRsRefreshInfo::DisconnectClient(void* pvTarget, unsigned long /*idTarget*/
 void CRsRefreshInfo::DisconnectProcess()
 {
     const KvSmartPtr<CRsQueue>& ptrThis = g_ptrThisPrcsQueue;
-    const uint32_t dwPrcsId = ptrThis.IsNotNull() ? ptrThis->m_dwPrcsId : 0;
+    const uint32_t dwPrcsId = ptrThis.IsNotNull() ? ptrThis->m_dwPrcsId.Get() : 0;
     const CRsConnectKey key{0, dwPrcsId};
     for (;;) {
         QTopNode<CRsConnectHln>* pCover = nullptr;

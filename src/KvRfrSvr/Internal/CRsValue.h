@@ -26,8 +26,8 @@ public:
     void SetValueType(uint32_t dwType) { m_dwType = dwType; }
 
     KvsPtr<char> m_pvStorage;  // own block of the pool of m_cBytes' size class; null when empty
-    uint32_t m_dwType;         // the caller's type number
-    int32_t m_cBytes;          // exact byte count (release needs the same size class)
+    KvsWord<uint32_t> m_dwType;         // the caller's type number
+    KvsWord<int32_t> m_cBytes;          // exact byte count (release needs the same size class)
 
 private:
     void ReleaseStorage();

@@ -1,0 +1,260 @@
+// KvTreeJournal.cpp - see KvTreeJournal.h.
+#include "KvTreeJournal.h"
+
+#if KV_JOURNAL
+
+#include <cstdio>
+#include <vector>
+
+#include "../Diag/KvDiag.h"
+#include "../Platform/KvPlatform.h"
+
+thread_local bool t_fKvsJournaling = false;
+
+namespace {
+
+// Reserved, not taken: tmpfs gives pages only to what is written. 32 MiB is
+// what a 32-bit process can spare of its address space.
+constexpr uint32_t kcbRecords = sizeof(void*) == 8 ? 256u << 20 : 32u << 20;
+
+// Constant-initialised (constexpr constructor); the records are bound at attach.
+KvJournal s_jrnTree(KVGRAN_TREE_JOURNAL_OFFSET, KVGRAN_TREE_JOURNAL_OFFSET + sizeof(KvJournalHead),
+                    "KVRFRSVR_GLOBAL_MUTEX");
+KvShmObject* s_pshmRecords = nullptr;  // the named object, while attached to a named segment
+char* s_pchPrivateRecords = nullptr;   // private memory, for a private segment
+
+thread_local bool t_fSectionOpen = false;
+thread_local uint32_t t_cDeferredFrees = 0;
+
+KvJournalRecord KvRecordAt(uint32_t ofs)
+{
+    KvJournalRecord rec;
+    memcpy(&rec, s_jrnTree.Records() + ofs, sizeof(rec));
+    return rec;
+}
+
+void KvPop(KvJournalHead* pHead, uint32_t cbUsed)
+{
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    __atomic_store_n(&pHead->cbUsed, cbUsed, __ATOMIC_RELEASE);
+}
+
+// Runs the FREE records, newest first, each with the pop of its record in
+// one pool operation; the other records are dropped. Returns the frees.
+uint32_t KvFinishFrees(KvJournalHead* pHead)
+{
+    std::vector<uint32_t> vofs;
+    s_jrnTree.ListRecords(pHead->cbUsed, &vofs);
+    uint32_t cFrees = 0;
+    for (auto it = vofs.rbegin(); it != vofs.rend(); ++it) {
+        const KvJournalRecord rec = KvRecordAt(*it);
+        if ((rec.dwKindAndSize & KVJRN_KIND_MASK) != KVJRN_FREE) {
+            KvPop(pHead, *it);
+            continue;
+        }
+        KvGranularity::_FreeFromJournal(KvGranularity::_pvBase + rec.ofs, rec.dwKindAndSize & ~KVJRN_KIND_MASK,
+                                        &pHead->cbUsed, *it);
+        ++cFrees;
+    }
+    KvPop(pHead, 0);
+    return cFrees;
+}
+
+// Undoes the records, newest first: bytes written back, blocks taken given
+// back (each with the pop of its record in one pool operation), frees
+// dropped (the block stays where it was). Returns the records undone.
+uint32_t KvUndo(KvJournalHead* pHead)
+{
+    std::vector<uint32_t> vofs;
+    s_jrnTree.ListRecords(pHead->cbUsed, &vofs);
+    for (auto it = vofs.rbegin(); it != vofs.rend(); ++it) {
+        const KvJournalRecord rec = KvRecordAt(*it);
+        const uint32_t cb = rec.dwKindAndSize & ~KVJRN_KIND_MASK;
+        switch (rec.dwKindAndSize & KVJRN_KIND_MASK) {
+        case KVJRN_BYTES:
+            memcpy(KvGranularity::_pvBase + rec.ofs, s_jrnTree.Records() + *it + sizeof(rec), cb);
+            KvPop(pHead, *it);
+            break;
+        case KVJRN_ALLOC:
+            KvGranularity::_FreeFromJournal(KvGranularity::_pvBase + rec.ofs, cb, &pHead->cbUsed, *it);
+            break;
+        default:
+            KvPop(pHead, *it);
+            break;
+        }
+    }
+    KvPop(pHead, 0);
+    return static_cast<uint32_t>(vofs.size());
+}
+
+// What an owner that died inside a section left: the pools first (it may have
+// died inside a pool operation, which may also have been adding a record),
+// then its records.
+void KvRecover(KvJournalHead* pHead)
+{
+    KvGranularity::_LockPools();
+    KvGranularity::_UnlockPools();
+    if (pHead->cbUsed == 0)
+        return;
+    const uint32_t dwPid = pHead->dwPid;
+    char sz[200];
+    if (pHead->dwState == KVJRN_STATE_COMMITTING) {
+        const uint32_t cFrees = KvFinishFrees(pHead);
+        snprintf(sz, sizeof(sz), "%s: finished the completed call of process %u (%u blocks freed; it ended inside it)",
+                 s_jrnTree.MutexName(), dwPid, cFrees);
+    } else {
+        const uint32_t cRecords = KvUndo(pHead);
+        snprintf(sz, sizeof(sz), "%s: undid the unfinished call of process %u (%u changes; it ended inside it)",
+                 s_jrnTree.MutexName(), dwPid, cRecords);
+    }
+    _DebugOutput(sz);
+    pHead->cRolledBack += 1;
+    pHead->dwState = KVJRN_STATE_OPEN;
+}
+
+}  // namespace
+
+void KvsJournalSave(const void* pv, uint32_t cb)
+{
+    s_jrnTree.Save(pv, cb);
+}
+
+bool KvTreeJournalAttach(bool fNamed, bool /*fCreated*/)
+{
+    char* pch = nullptr;
+    if (fNamed) {
+        s_pshmRecords = new KvShmObject;
+        bool fNew = false;
+        if (!s_pshmRecords->OpenOrCreate(KvObjectName("OGRAN.JRN"), kcbRecords, true, &fNew) ||
+            !s_pshmRecords->Map()) {
+            KvTreeJournalDetach();
+            return false;
+        }
+        pch = static_cast<char*>(s_pshmRecords->m_pv);
+    } else {
+        s_pchPrivateRecords = static_cast<char*>(KvReserveMemory(kcbRecords));
+        if (s_pchPrivateRecords == nullptr)
+            return false;
+        pch = s_pchPrivateRecords;
+    }
+    s_jrnTree.BindRecords(pch, kcbRecords);
+    return true;
+}
+
+void KvTreeJournalDetach()
+{
+    t_fSectionOpen = false;
+    t_fKvsJournaling = false;
+    s_jrnTree.BindRecords(nullptr, 0);
+    if (s_pshmRecords != nullptr) {
+        s_pshmRecords->Close();
+        delete s_pshmRecords;
+        s_pshmRecords = nullptr;
+    }
+    if (s_pchPrivateRecords != nullptr) {
+        KvReleaseMemory(s_pchPrivateRecords, kcbRecords);
+        s_pchPrivateRecords = nullptr;
+    }
+}
+
+void KvTreeJournalForgetAfterFork()
+{
+    t_fSectionOpen = false;
+    t_fKvsJournaling = false;
+    t_cDeferredFrees = 0;
+}
+
+void KvTreeSectionOpen()
+{
+    if (KvGranularity::_pvBase == nullptr || s_jrnTree.RecordBytes() == 0)
+        return;
+    KvJournalHead* pHead = s_jrnTree.Head();
+    if (pHead->cbUsed != 0)
+        KvRecover(pHead);
+    if (pHead->dwState != KVJRN_STATE_OPEN)
+        pHead->dwState = KVJRN_STATE_OPEN;  // a commit that ended between its last two stores
+    t_cDeferredFrees = 0;
+    t_fSectionOpen = true;
+    t_fKvsJournaling = true;
+}
+
+void KvTreeSectionCommit()
+{
+    if (!t_fSectionOpen)
+        return;
+    KvJournalHead* pHead = s_jrnTree.Head();
+    if (pHead->cbUsed == 0)
+        return;
+    if (t_cDeferredFrees != 0) {
+        // From here on the call is done: a death in the frees finishes them.
+        __atomic_store_n(&pHead->dwState, KVJRN_STATE_COMMITTING, __ATOMIC_RELEASE);
+        __atomic_signal_fence(__ATOMIC_SEQ_CST);
+        KvFinishFrees(pHead);
+        t_cDeferredFrees = 0;
+        __atomic_store_n(&pHead->dwState, KVJRN_STATE_OPEN, __ATOMIC_RELEASE);
+        return;
+    }
+    KvPop(pHead, 0);
+}
+
+void KvTreeSectionRollBack(const char* pszWhy)
+{
+    if (!t_fSectionOpen)
+        return;
+    KvJournalHead* pHead = s_jrnTree.Head();
+    if (pHead->cbUsed == 0)
+        return;
+    const bool fJournaling = t_fKvsJournaling;
+    t_fKvsJournaling = false;
+    const uint32_t cRecords = KvUndo(pHead);
+    t_fKvsJournaling = fJournaling;
+    t_cDeferredFrees = 0;
+    char sz[200];
+    snprintf(sz, sizeof(sz), "%s: undid %u changes of this process's call (%s)", s_jrnTree.MutexName(), cRecords,
+             pszWhy);
+    _DebugOutput(sz);
+}
+
+void KvTreeSectionClose()
+{
+    KvTreeSectionCommit();
+    t_fSectionOpen = false;
+    t_fKvsJournaling = false;
+}
+
+bool KvTreeSectionIsOpen()
+{
+    return t_fSectionOpen;
+}
+
+bool KvTreeSectionIsEmpty()
+{
+    return !t_fSectionOpen || s_jrnTree.Head()->cbUsed == 0;
+}
+
+void KvTreeSectionNoteAlloc(void* pv, uint32_t cbBlock)
+{
+    if (t_fKvsJournaling)
+        s_jrnTree.AppendLogical(KVJRN_ALLOC, pv, cbBlock, &KvPoolJournal());
+}
+
+bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock)
+{
+    if (!t_fKvsJournaling)
+        return false;
+    s_jrnTree.AppendLogical(KVJRN_FREE, pv, cbBlock, nullptr);
+    ++t_cDeferredFrees;
+    return true;
+}
+
+uint32_t KvTreeJournalRolledBack()
+{
+    return KvGranularity::_pvBase != nullptr ? s_jrnTree.Head()->cRolledBack : 0;
+}
+
+KvJournal& KvTreeJournal()
+{
+    return s_jrnTree;
+}
+
+#endif

@@ -1,0 +1,68 @@
+// KvTreeJournal.h - the sections of the global mutex: every exported call is
+// atomic against the death of its process.
+//
+// While a thread owns the global mutex, every change it makes to the segment
+// through the write path (KvsSave, KvsPtr.h) is recorded in the tree journal:
+// old bytes for a word, ALLOC for a block it took (so that undoing gives the
+// block back), FREE for a block it gave up (which stays allocated until the
+// section ends: a block that another process may take meanwhile could not be
+// taken back). A call's end commits: its deferred frees run and its records go.
+// A process that takes the global mutex and finds records undoes them first,
+// newest first, or finishes the frees of a section that was committing.
+//
+// The journal's head lies in the header zone; its records in the object
+// "OGRAN.JRN" of the namespace, reserved at its full size but taking memory
+// only as it is written. A section too large for it fails with "the journal has
+// no room" and is undone whole.
+#pragma once
+
+#include <cstdint>
+
+#include "KvJournal.h"
+
+#if KV_JOURNAL
+// The records' object: opened (or made, with the segment) while the segment is
+// attached. False when it could not be had: the segment is then refused.
+bool KvTreeJournalAttach(bool fNamed, bool fCreated);
+void KvTreeJournalDetach();
+// In a fork child: the parent's section is not the child's.
+void KvTreeJournalForgetAfterFork();
+
+// Requires: the caller has just taken the global mutex (not recursively).
+// Effects: undoes or finishes what an owner that died left, then journals
+// the caller's changes.
+void KvTreeSectionOpen();
+// Requires: the caller owns the global mutex. Effects: the changes so far
+// are final: the deferred frees run and the records are discarded.
+void KvTreeSectionCommit();
+// Requires: the caller owns the global mutex. Effects: undoes the changes
+// since the last commit (for a call that is to be run again), newest first.
+void KvTreeSectionRollBack(const char* pszWhy);
+// Requires: as commit; before the caller releases the global mutex for the
+// last time. Effects: commits and stops journaling.
+void KvTreeSectionClose();
+bool KvTreeSectionIsOpen();
+bool KvTreeSectionIsEmpty();
+
+// Pool hooks, under the pool mutex: an allocation in a section is recorded
+// (as part of the pool operation); a free in a section is deferred (true).
+void KvTreeSectionNoteAlloc(void* pv, uint32_t cbBlock);
+bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock);
+
+// Sections undone or finished for processes that ended inside them.
+uint32_t KvTreeJournalRolledBack();
+KvJournal& KvTreeJournal();
+#else
+inline bool KvTreeJournalAttach(bool, bool) { return true; }
+inline void KvTreeJournalDetach() {}
+inline void KvTreeJournalForgetAfterFork() {}
+inline void KvTreeSectionOpen() {}
+inline void KvTreeSectionCommit() {}
+inline void KvTreeSectionRollBack(const char*) {}
+inline void KvTreeSectionClose() {}
+inline bool KvTreeSectionIsOpen() { return false; }
+inline bool KvTreeSectionIsEmpty() { return true; }
+inline void KvTreeSectionNoteAlloc(void*, uint32_t) {}
+inline bool KvTreeSectionDeferFree(void*, uint32_t) { return false; }
+inline uint32_t KvTreeJournalRolledBack() { return 0; }
+#endif
