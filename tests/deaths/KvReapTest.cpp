@@ -13,6 +13,7 @@
 #include "KvApiTestUtil.h"
 #include "KvCheckRun.h"
 #include "KvRfrSvr.h"
+#include "KvRfrSvrWait.h"
 
 namespace {
 
@@ -41,9 +42,11 @@ void Notify(const char* pszPath, unsigned long dwMsg)
     KvRsNotifyNodeClients(n.GetHandle(), n.GetId(), dwMsg, nullptr, 0, false);
 }
 
-// args: path, marker. A client of the node and its server, then waits to be killed.
+// args: path, marker. A client of the node and its server, with a wake pipe,
+// then waits to be killed.
 KV_CHILD_SCENARIO(Listener)
 {
+    KvRsGetWaitFd();
     KvRsNodeProxy n = KvRsCreateNode(args.at(0).c_str(), nullptr, 0);
     KvRsConnectClient(n.GetHandle(), n.GetId(), Target(1), 1);
     KvRsConnectClient(n.GetHandle(), n.GetId(), Target(9), 9);  // behind the parent's entry
@@ -158,9 +161,9 @@ TEST(KvReap, AKilledNamespaceIsRemovedByTheNextStartUp)
     const std::string strOwn = getenv("KVRFRSVR_NAMESPACE");
     KvTestUseFreshNamespace();
     const pid_t pid = KvTestSpawn("Listener", {"gone.n", "sync.gone"});
-    for (int i = 0; i < 5000 && KvTestNamespaceObjects().size() < 4; ++i)
+    for (int i = 0; i < 5000 && KvTestNamespaceObjects().size() < 5; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    ASSERT_GE(KvTestNamespaceObjects().size(), 4u) << "the namespace is in use";
+    ASSERT_GE(KvTestNamespaceObjects().size(), 5u) << "the namespace is in use, a wake pipe among its objects";
     KillAndWait(pid);  // any start-up from here on, of any test running beside, removes it
     const std::string strGone = getenv("KVRFRSVR_NAMESPACE");
     setenv("KVRFRSVR_NAMESPACE", strOwn.c_str(), 1);

@@ -39,16 +39,15 @@ std::string KvSegmentSuffix(int fdDir, const char* pszName)
     return strSuffix;
 }
 
-// A liveness token "KVRS_PRC.<digits>.<digits><suffix>".
-bool KvIsTokenOf(const std::string& strName, const std::string& strSuffix)
+// An object of one process, "<prefix><digits>.<digits><suffix>": a liveness
+// token (KVRS_PRC.) or a wake pipe (KVRS_WFD.).
+bool KvIsProcessObjectOf(const std::string& strName, const std::string& strPrefix, const std::string& strSuffix)
 {
-    static const std::string s_strPrefix = "KVRS_PRC.";
-    if (strName.size() <= s_strPrefix.size() + strSuffix.size() ||
-        strName.compare(0, s_strPrefix.size(), s_strPrefix) != 0 ||
+    if (strName.size() <= strPrefix.size() + strSuffix.size() || strName.compare(0, strPrefix.size(), strPrefix) != 0 ||
         strName.compare(strName.size() - strSuffix.size(), strSuffix.size(), strSuffix) != 0)
         return false;
     const std::string strMiddle =
-        strName.substr(s_strPrefix.size(), strName.size() - s_strPrefix.size() - strSuffix.size());
+        strName.substr(strPrefix.size(), strName.size() - strPrefix.size() - strSuffix.size());
     const size_t iDot = strMiddle.find('.');
     return iDot != std::string::npos && iDot > 0 && iDot + 1 < strMiddle.size() &&
            strMiddle.find_first_not_of("0123456789.") == std::string::npos &&
@@ -72,7 +71,8 @@ void KvUnlinkNamespace(const std::string& strSuffix, const std::vector<std::stri
     for (const char* pszFixed : kapszFixed)
         shm_unlink(("/" + std::string(pszFixed) + strSuffix).c_str());
     for (const std::string& strName : vstrAll)
-        if (KvIsTokenOf(strName, strSuffix))
+        if (KvIsProcessObjectOf(strName, "KVRS_PRC.", strSuffix) ||
+            KvIsProcessObjectOf(strName, "KVRS_WFD.", strSuffix))
             shm_unlink(("/" + strName).c_str());
 }
 
