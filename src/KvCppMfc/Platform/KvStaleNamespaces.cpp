@@ -17,7 +17,7 @@
 namespace {
 
 const char kSegment[] = "KVRFRSVR_MEM.";
-const char* const kapszFixed[] = {"KVRFRSVR_MEM", "KVRFRSVR_GLOBAL_MUTEX", "OGRAN.MTX"};
+const char* const kapszFixed[] = {"KVRFRSVR_MEM", "KVRFRSVR_GLOBAL_MUTEX", "OGRAN.MTX", "OGRAN.JRN"};
 
 struct KvNamespaceRef {
     std::string strSuffix;  // "." + namespace + "." + word size

@@ -26,6 +26,69 @@ char* s_pchPrivateRecords = nullptr;   // private memory, for a private segment
 thread_local bool t_fSectionOpen = false;
 thread_local uint32_t t_cDeferredFrees = 0;
 
+// The ranges this thread saved since the section's last commit. Undoing needs
+// only the oldest bytes of a range, and a call writes the same words over and
+// over (every counted reference walks the ancestors' counts): a range saved
+// before is not saved again. A full table only stops the saving of space.
+class KvSavedRanges {
+public:
+    // True when (ofs, cb) was saved already; otherwise notes it.
+    bool SeenBefore(uint32_t ofs, uint32_t cb)
+    {
+        if (m_pEntries == nullptr)
+            m_pEntries = new Entry[kcEntries]();
+        const uint64_t qwKey = (static_cast<uint64_t>(ofs) << 32) | cb;
+        uint32_t i = static_cast<uint32_t>((qwKey * 0x9E3779B97F4A7C15ull) >> 50) & (kcEntries - 1);
+        for (uint32_t d = 0; d < kcProbe; ++d, i = (i + 1) & (kcEntries - 1)) {
+            Entry& e = m_pEntries[i];
+            if (e.dwGeneration != m_dwGeneration) {
+                if (m_cUsed >= kcEntries / 4 * 3)
+                    return false;
+                e = Entry{qwKey, m_dwGeneration};
+                ++m_cUsed;
+                return false;
+            }
+            if (e.qwKey == qwKey)
+                return true;
+        }
+        return false;
+    }
+    void Forget()
+    {
+        if (m_cUsed != 0) {
+            ++m_dwGeneration;  // every entry is stale at once
+            m_cUsed = 0;
+        }
+    }
+
+private:
+    struct Entry {
+        uint64_t qwKey;
+        uint32_t dwGeneration;
+    };
+    static constexpr uint32_t kcEntries = 1u << 14;
+    static constexpr uint32_t kcProbe = 8;
+    Entry* m_pEntries = nullptr;  // made for threads that journal; kept for the thread's life
+    uint32_t m_dwGeneration = 1;
+    uint32_t m_cUsed = 0;
+};
+thread_local KvSavedRanges t_saved;
+// A change found no room in the journal: the call fails, and its end undoes
+// it whole instead of committing a part.
+thread_local bool t_fOverflow = false;
+
+void KvEnsureRoom(uint32_t cbRecord)
+{
+    const uint32_t cbUsed = s_jrnTree.Head()->cbUsed;
+    if (cbRecord <= s_jrnTree.RecordBytes() && cbUsed <= s_jrnTree.RecordBytes() - cbRecord)
+        return;
+    t_fOverflow = true;
+    char sz[160];
+    snprintf(sz, sizeof(sz), "%s: the call is too large for the journal (%u bytes of changes); it is undone",
+             s_jrnTree.MutexName(), cbUsed);
+    KvGranThrow(sz);
+}
+
 KvJournalRecord KvRecordAt(uint32_t ofs)
 {
     KvJournalRecord rec;
@@ -37,6 +100,8 @@ void KvPop(KvJournalHead* pHead, uint32_t cbUsed)
 {
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
     __atomic_store_n(&pHead->cbUsed, cbUsed, __ATOMIC_RELEASE);
+    if (cbUsed == 0)
+        t_saved.Forget();
 }
 
 // Runs the FREE records, newest first, each with the pop of its record in
@@ -78,9 +143,7 @@ uint32_t KvUndo(KvJournalHead* pHead)
         case KVJRN_ALLOC:
             KvGranularity::_FreeFromJournal(KvGranularity::_pvBase + rec.ofs, cb, &pHead->cbUsed, *it);
             break;
-        default:
-            KvPop(pHead, *it);
-            break;
+        default: KvPop(pHead, *it); break;
         }
     }
     KvPop(pHead, 0);
@@ -116,7 +179,13 @@ void KvRecover(KvJournalHead* pHead)
 
 void KvsJournalSave(const void* pv, uint32_t cb)
 {
-    s_jrnTree.Save(pv, cb);
+    const char* pch = static_cast<const char*>(pv);
+    const char* pBase = KvGranularity::_pvBase;
+    if (pch < pBase || pch + cb > pBase + KvGranularity::_stMax)
+        return;  // not the segment's
+    KvEnsureRoom(static_cast<uint32_t>(sizeof(KvJournalRecord)) + ((cb + 3u) & ~3u));
+    if (!t_saved.SeenBefore(static_cast<uint32_t>(pch - pBase), cb))
+        s_jrnTree.Save(pv, cb);
 }
 
 bool KvTreeJournalAttach(bool fNamed, bool /*fCreated*/)
@@ -125,8 +194,7 @@ bool KvTreeJournalAttach(bool fNamed, bool /*fCreated*/)
     if (fNamed) {
         s_pshmRecords = new KvShmObject;
         bool fNew = false;
-        if (!s_pshmRecords->OpenOrCreate(KvObjectName("OGRAN.JRN"), kcbRecords, true, &fNew) ||
-            !s_pshmRecords->Map()) {
+        if (!s_pshmRecords->OpenOrCreate(KvObjectName("OGRAN.JRN"), kcbRecords, true, &fNew) || !s_pshmRecords->Map()) {
             KvTreeJournalDetach();
             return false;
         }
@@ -159,6 +227,7 @@ void KvTreeJournalDetach()
 
 void KvTreeJournalForgetAfterFork()
 {
+    t_fOverflow = false;
     t_fSectionOpen = false;
     t_fKvsJournaling = false;
     t_cDeferredFrees = 0;
@@ -174,6 +243,8 @@ void KvTreeSectionOpen()
     if (pHead->dwState != KVJRN_STATE_OPEN)
         pHead->dwState = KVJRN_STATE_OPEN;  // a commit that ended between its last two stores
     t_cDeferredFrees = 0;
+    t_fOverflow = false;
+    t_saved.Forget();
     t_fSectionOpen = true;
     t_fKvsJournaling = true;
 }
@@ -183,6 +254,11 @@ void KvTreeSectionCommit()
     if (!t_fSectionOpen)
         return;
     KvJournalHead* pHead = s_jrnTree.Head();
+    if (t_fOverflow) {
+        t_fOverflow = false;
+        KvTreeSectionRollBack("the call was too large for the journal");
+        return;
+    }
     if (pHead->cbUsed == 0)
         return;
     if (t_cDeferredFrees != 0) {
@@ -234,14 +310,17 @@ bool KvTreeSectionIsEmpty()
 
 void KvTreeSectionNoteAlloc(void* pv, uint32_t cbBlock)
 {
-    if (t_fKvsJournaling)
-        s_jrnTree.AppendLogical(KVJRN_ALLOC, pv, cbBlock, &KvPoolJournal());
+    if (!t_fKvsJournaling)
+        return;
+    KvEnsureRoom(sizeof(KvJournalRecord));
+    s_jrnTree.AppendLogical(KVJRN_ALLOC, pv, cbBlock, &KvPoolJournal());
 }
 
 bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock)
 {
     if (!t_fKvsJournaling)
         return false;
+    KvEnsureRoom(sizeof(KvJournalRecord));
     s_jrnTree.AppendLogical(KVJRN_FREE, pv, cbBlock, nullptr);
     ++t_cDeferredFrees;
     return true;

@@ -53,16 +53,31 @@ bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock);
 uint32_t KvTreeJournalRolledBack();
 KvJournal& KvTreeJournal();
 #else
-inline bool KvTreeJournalAttach(bool, bool) { return true; }
+inline bool KvTreeJournalAttach(bool, bool)
+{
+    return true;
+}
 inline void KvTreeJournalDetach() {}
 inline void KvTreeJournalForgetAfterFork() {}
 inline void KvTreeSectionOpen() {}
 inline void KvTreeSectionCommit() {}
 inline void KvTreeSectionRollBack(const char*) {}
 inline void KvTreeSectionClose() {}
-inline bool KvTreeSectionIsOpen() { return false; }
-inline bool KvTreeSectionIsEmpty() { return true; }
+inline bool KvTreeSectionIsOpen()
+{
+    return false;
+}
+inline bool KvTreeSectionIsEmpty()
+{
+    return true;
+}
 inline void KvTreeSectionNoteAlloc(void*, uint32_t) {}
-inline bool KvTreeSectionDeferFree(void*, uint32_t) { return false; }
-inline uint32_t KvTreeJournalRolledBack() { return 0; }
+inline bool KvTreeSectionDeferFree(void*, uint32_t)
+{
+    return false;
+}
+inline uint32_t KvTreeJournalRolledBack()
+{
+    return 0;
+}
 #endif
