@@ -7,9 +7,9 @@
 #include "../Diag/KvDiag.h"
 #include "../KvInitOrder.h"
 #include "KvJournal.h"
-#include "KvTreeJournal.h"
 #include "KvMemoryWatcher.h"
 #include "KvSegmentState.h"
+#include "KvTreeJournal.h"
 
 // Table entry i serves requests whose 2n-1 has bit length b where _aulNdxMap[b] == i.
 // There is deliberately no 2048-byte class.

@@ -62,8 +62,8 @@ uint32_t KvJournal::RollBack(const char* pszWhy)
         memcpy(KvGranularity::_pvBase + rec.ofs, Records() + *it + sizeof(rec), rec.dwKindAndSize);
     }
     char sz[200];
-    snprintf(sz, sizeof(sz), "%s: undid the unfinished change of process %u (%zu writes; %s)", m_pszMutex,
-             pHead->dwPid, vofsRecords.size(), pszWhy);
+    snprintf(sz, sizeof(sz), "%s: undid the unfinished change of process %u (%zu writes; %s)", m_pszMutex, pHead->dwPid,
+             vofsRecords.size(), pszWhy);
     _DebugOutput(sz);
     pHead->cRolledBack += 1;
     __atomic_signal_fence(__ATOMIC_SEQ_CST);

@@ -15,9 +15,9 @@
 #include "../Platform/KvPlatform.h"
 #include "KvGranularity.h"
 #include "KvJournal.h"
-#include "KvTreeJournal.h"
 #include "KvMemoryWatcher.h"
 #include "KvSegmentState.h"
+#include "KvTreeJournal.h"
 
 // The attachment count is changed atomically by every process. The header is
 // packed, so the field's type promises no alignment; its offset (588) and the

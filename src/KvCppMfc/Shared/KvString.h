@@ -50,9 +50,9 @@ public:
     // Makes room for n bytes, terminator included.
     void AllocIfNecessary(uint32_t n);
 
-    KvsWord<uint32_t> m_dwDeleteIndex;       // the shared-object index word; not the string's
-    KvsPtr<char> m_psz;             // the buffer; 0: none
-    KvsPtr<KvGranularity> m_pGran;  // the pool entry of the buffer; 0: none
+    KvsWord<uint32_t> m_dwDeleteIndex;  // the shared-object index word; not the string's
+    KvsPtr<char> m_psz;                 // the buffer; 0: none
+    KvsPtr<KvGranularity> m_pGran;      // the pool entry of the buffer; 0: none
 
 private:
     static const char s_szEmpty[1];

@@ -30,7 +30,7 @@ public:
     void RemoveMsgsForTarget(void* pvMsgTarget, unsigned long idMsgTarget);
     void RemoveAllMsgs();
 
-    KvsWord<uint32_t> m_dwPrcsId;                  // process that made the queue
+    KvsWord<uint32_t> m_dwPrcsId;         // process that made the queue
     KvChildPtr<CRsMsgList> m_ptrMsgList;  // made by the constructor, never replaced
     KvString m_strName;
 };

@@ -57,7 +57,8 @@ void CRsRefreshInfo::DisconnectServer()
 // one more connect and takes the new id and queue.
 void CRsRefreshInfo::ConnectClient(void* pvTarget, unsigned long idTarget, const KvSmartPtr<CRsQueue>& ptrQueue)
 {
-    const CRsConnectKey key{reinterpret_cast<uintptr_t>(pvTarget), ptrQueue.IsNotNull() ? ptrQueue->m_dwPrcsId.Get() : 0};
+    const CRsConnectKey key{reinterpret_cast<uintptr_t>(pvTarget),
+                            ptrQueue.IsNotNull() ? ptrQueue->m_dwPrcsId.Get() : 0};
     if (m_lstClients.GetCount() != 0) {
         CRsConnectHln* pHln = m_lstClients.FindKey(key);
         if (pHln != nullptr && pHln->m_ptr.IsNotNull()) {

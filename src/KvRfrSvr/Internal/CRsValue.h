@@ -25,9 +25,9 @@ public:
     uint32_t GetValueType() const { return m_dwType; }
     void SetValueType(uint32_t dwType) { m_dwType = dwType; }
 
-    KvsPtr<char> m_pvStorage;  // own block of the pool of m_cBytes' size class; null when empty
-    KvsWord<uint32_t> m_dwType;         // the caller's type number
-    KvsWord<int32_t> m_cBytes;          // exact byte count (release needs the same size class)
+    KvsPtr<char> m_pvStorage;    // own block of the pool of m_cBytes' size class; null when empty
+    KvsWord<uint32_t> m_dwType;  // the caller's type number
+    KvsWord<int32_t> m_cBytes;   // exact byte count (release needs the same size class)
 
 private:
     void ReleaseStorage();
