@@ -161,12 +161,15 @@ void KvGranularity::Free(void* pv, KvGranularityMemoryWatcher* pWatcher)
 }
 
 // The pool mutex is held.
-void KvGranularity::FreeLocked(void* pv, KvGranularityMemoryWatcher* pWatcher)
+void KvGranularity::FreeLocked(void* pv, KvGranularityMemoryWatcher* pWatcher, bool fUndoAlloc)
 {
     KvJournal& j = KvPoolJournal();
     KV_JOURNAL_SET(j, *static_cast<uint32_t*>(pv), _pchHead.Offset());  // last freed, first reused
     KV_JOURNAL_SET(j, _pchHead, KvsPtr<char>(static_cast<char*>(pv)));
-    if (_poinf->_fMemChecking) {
+    if (fUndoAlloc && _poinf->_fMemChecking) {
+        KV_JOURNAL_SET(j, _cAllocChecked, _cAllocChecked - 1);
+        KV_JOURNAL_SET(j, _poinf->_cbAllocChecked, _poinf->_cbAllocChecked - _stSize);
+    } else if (_poinf->_fMemChecking) {
         KV_JOURNAL_SET(j, _cFreeChecked, _cFreeChecked - 1);
         KV_JOURNAL_SET(j, _poinf->_cbFreeChecked, _poinf->_cbFreeChecked - _stSize);
     } else {
@@ -177,7 +180,8 @@ void KvGranularity::FreeLocked(void* pv, KvGranularityMemoryWatcher* pWatcher)
         pWatcher->CountFree(_poinf->_fMemChecking != 0);
 }
 
-void KvGranularity::_FreeFromJournal(void* pv, uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter)
+void KvGranularity::_FreeFromJournal(void* pv, uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter,
+                                     bool fUndoAlloc)
 {
     const uint32_t iIndex = _IndexForSize(cbBlock);
     const uint32_t step = cbBlock < 8192 ? cbBlock : 8192;
@@ -191,7 +195,7 @@ void KvGranularity::_FreeFromJournal(void* pv, uint32_t cbBlock, uint32_t* pcbUs
         return;
     }
     KvPoolLock lock;
-    _aogran[iIndex].FreeLocked(pv, nullptr);
+    _aogran[iIndex].FreeLocked(pv, nullptr, fUndoAlloc);
     KV_JOURNAL_SET(KvPoolJournal(), *pcbUsed, cbUsedAfter);
 }
 

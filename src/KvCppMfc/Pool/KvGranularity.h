@@ -76,9 +76,11 @@ public:
     void Free(void* pv, KvGranularityMemoryWatcher* pWatcher);
     // A block that a journal names goes back to its pool now, and *pcbUsed
     // becomes cbUsedAfter in the same pool operation, so that a death never
-    // frees it twice or not at all.
-    static void _FreeFromJournal(void* pv, uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter);
-    void FreeLocked(void* pv, KvGranularityMemoryWatcher* pWatcher);
+    // frees it twice or not at all. fUndoAlloc: the block's allocation is taken
+    // back (its counters go down again), rather than the block freed.
+    static void _FreeFromJournal(void* pv, uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter,
+                                 bool fUndoAlloc);
+    void FreeLocked(void* pv, KvGranularityMemoryWatcher* pWatcher, bool fUndoAlloc = false);
     void MemPrepare();
     // True when this pool has no free block and the segment no room for a chunk.
     bool IsExhausted() const;

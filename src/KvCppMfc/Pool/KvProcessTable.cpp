@@ -18,6 +18,15 @@ KvProcessPipe* KvProcessPipeOf(KvProcessEntry* pEntry)
 }
 
 namespace {
+// The fields the global mutex guards, through the write path: an entry added
+// or removed by a call that is undone is undone with it. The wake word and the
+// sleeper count, which waiters change without the mutex, are left out.
+static_assert(offsetof(KvProcessEntry, dwWake) == 24, "the guarded fields come first");
+void KvSaveEntry(KvProcessEntry* pEntry)
+{
+    KvsSave(pEntry, offsetof(KvProcessEntry, dwWake));
+}
+
 KvProcessTableInfo* KvTableInfo()
 {
     return reinterpret_cast<KvProcessTableInfo*>(KvGranularity::_pvBase + KVGRAN_PROCESS_TABLE_INFO_OFFSET);
@@ -34,8 +43,11 @@ KvProcessEntry* KvProcessTableAdd(uint32_t dwPid, uint64_t qwStartTime, uint32_t
         if (e.dwState != KVPRC_FREE)
             continue;
         KvProcessTableInfo* pInfo = KvTableInfo();
-        if (d > pInfo->cMaxProbe)
+        if (d > pInfo->cMaxProbe) {
+            KvsSave(pInfo, sizeof(*pInfo));
             pInfo->cMaxProbe = d;
+        }
+        KvSaveEntry(&e);
         e.qwStartTime = qwStartTime;
         e.ofsDefaultQueue = ofsDefaultQueue;
         e.dwDone = 0;
@@ -75,6 +87,7 @@ void KvProcessTableRemove(KvProcessEntry* pEntry)
 {
     if (pEntry == nullptr)
         return;
+    KvSaveEntry(pEntry);
     pEntry->dwState = KVPRC_FREE;
     pEntry->dwPid = 0;
     pEntry->qwStartTime = 0;

@@ -118,7 +118,7 @@ uint32_t KvFinishFrees(KvJournalHead* pHead)
             continue;
         }
         KvGranularity::_FreeFromJournal(KvGranularity::_pvBase + rec.ofs, rec.dwKindAndSize & ~KVJRN_KIND_MASK,
-                                        &pHead->cbUsed, *it);
+                                        &pHead->cbUsed, *it, false);
         ++cFrees;
     }
     KvPop(pHead, 0);
@@ -141,7 +141,7 @@ uint32_t KvUndo(KvJournalHead* pHead)
             KvPop(pHead, *it);
             break;
         case KVJRN_ALLOC:
-            KvGranularity::_FreeFromJournal(KvGranularity::_pvBase + rec.ofs, cb, &pHead->cbUsed, *it);
+            KvGranularity::_FreeFromJournal(KvGranularity::_pvBase + rec.ofs, cb, &pHead->cbUsed, *it, true);
             break;
         default: KvPop(pHead, *it); break;
         }

@@ -131,7 +131,6 @@ void KvRsAfterForkChild()
     KvRsGlobalLock lock;
     KvRsRunStep("KvRfrSvr default queue of the fork child", [] {
         KvRsCreateDefaultQueue();
-        KvTreeSectionCommit();  // the queue is final before the table names it
         KvRsRegisterThisProcess();
     });
 }
@@ -202,7 +201,6 @@ void KvRsStartUp()
             KvRsReapAtStartUp();
             KvRsCreateRootIfMissing();
             KvRsCreateDefaultQueue();
-            KvTreeSectionCommit();  // the queue is final before the table names it
             KvRsRegisterThisProcess();
         });
     }
