@@ -78,8 +78,7 @@ public:
     // becomes cbUsedAfter in the same pool operation, so that a death never
     // frees it twice or not at all. fUndoAlloc: the block's allocation is taken
     // back (its counters go down again), rather than the block freed.
-    static void _FreeFromJournal(void* pv, uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter,
-                                 bool fUndoAlloc);
+    static void _FreeFromJournal(void* pv, uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter, bool fUndoAlloc);
     void FreeLocked(void* pv, KvGranularityMemoryWatcher* pWatcher, bool fUndoAlloc = false);
     void MemPrepare();
     // True when this pool has no free block and the segment no room for a chunk.

@@ -238,8 +238,14 @@ void KvTreeSectionOpen()
     if (KvGranularity::_pvBase == nullptr || s_jrnTree.RecordBytes() == 0)
         return;
     KvJournalHead* pHead = s_jrnTree.Head();
-    if (pHead->cbUsed != 0)
+    if (pHead->cbUsed != 0) {
         KvRecover(pHead);
+    } else if (!KvPoolJournal().IsEmpty()) {
+        // An owner that died inside a pool operation, with nothing of the tree
+        // changed yet: the pools are made whole before this call reads them.
+        KvGranularity::_LockPools();
+        KvGranularity::_UnlockPools();
+    }
     if (pHead->dwState != KVJRN_STATE_OPEN)
         pHead->dwState = KVJRN_STATE_OPEN;  // a commit that ended between its last two stores
     t_cDeferredFrees = 0;
