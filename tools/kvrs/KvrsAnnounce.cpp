@@ -13,7 +13,8 @@ KvrsCreated KvrsCreatePath(const std::string& strPath)
     KvRsNodeProxy cur = KvrsRoot();
     for (size_t iStart = 0; cExisting < cNames; ++cExisting) {
         const size_t iDot = strPath.find('.', iStart);
-        const std::string strName = strPath.substr(iStart, iDot == std::string::npos ? std::string::npos : iDot - iStart);
+        const std::string strName =
+            strPath.substr(iStart, iDot == std::string::npos ? std::string::npos : iDot - iStart);
         KvRsNodeProxy child = KvRsGetChildNode(cur.GetHandle(), cur.GetId(), strName.c_str());
         if (child.IsNull())
             break;

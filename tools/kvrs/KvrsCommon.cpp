@@ -97,8 +97,7 @@ long KvrsParseCount(const std::string& str, const char* pszWhat, long lMin, long
     // Echo at most a short piece of the input: the message stays one short line.
     const std::string strShown = KvrsShown(str);
     const bool bDigits = !str.empty() && str.size() <= 18 &&
-                         str.find_first_not_of("0123456789", str[0] == '-' ? 1 : 0) == std::string::npos &&
-                         str != "-";
+                         str.find_first_not_of("0123456789", str[0] == '-' ? 1 : 0) == std::string::npos && str != "-";
     if (!bDigits)
         KvrsUsageError(std::string("bad ") + pszWhat + " '" + strShown + "': expected a whole number from " + strRange);
     const long long ll = strtoll(str.c_str(), nullptr, 10);
@@ -130,7 +129,8 @@ std::vector<unsigned char> KvrsParseHex(const std::string& str)
             continue;
         }
         if (!isxdigit(static_cast<unsigned char>(ch)))
-            KvrsUsageError("bad hex '" + KvrsShown(str) + "': '" + KvrsShown(std::string(1, ch)) + "' is not a hex digit");
+            KvrsUsageError("bad hex '" + KvrsShown(str) + "': '" + KvrsShown(std::string(1, ch)) +
+                           "' is not a hex digit");
         const int iDigit = isdigit(static_cast<unsigned char>(ch)) ? ch - '0' : (tolower(ch) - 'a' + 10);
         if (iHigh < 0) {
             iHigh = iDigit;

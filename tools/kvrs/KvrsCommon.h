@@ -13,9 +13,9 @@
 // Exit statuses of every subcommand.
 enum KvrsExit : int {
     KVRS_EXIT_OK = 0,
-    KVRS_EXIT_FAILED = 1,  // a node was not found, or the tree refused the change
-    KVRS_EXIT_USAGE = 2,   // bad arguments: path, number, hex text, value size
-    KVRS_EXIT_TIMEOUT = 3, // listen: the time ran out before --count messages came
+    KVRS_EXIT_FAILED = 1,   // a node was not found, or the tree refused the change
+    KVRS_EXIT_USAGE = 2,    // bad arguments: path, number, hex text, value size
+    KVRS_EXIT_TIMEOUT = 3,  // listen: the time ran out before --count messages came
 };
 
 // Message numbers with which kvrs announces the changes it makes. 0x4, 0x8 and

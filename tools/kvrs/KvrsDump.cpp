@@ -236,7 +236,8 @@ void RunLoad(const LoadOptions& opt)
     }
     printf("loaded %zu nodes\n", vNodes.size() - vstrRefused.size());
     if (!vstrRefused.empty())
-        throw KvrsError(KVRS_EXIT_FAILED, std::to_string(vstrRefused.size()) + " nodes refused what was loaded (a const "
+        throw KvrsError(KVRS_EXIT_FAILED, std::to_string(vstrRefused.size()) +
+                                              " nodes refused what was loaded (a const "
                                               "node, or a reference whose target is missing), first '" +
                                               vstrRefused[0] + "'");
 }

@@ -100,7 +100,8 @@ std::string Listener::Describe() const
 {
     std::string str = m_follow.Describe();
     if (m_opt.m_bStructural)
-        str += (str.empty() ? "" : ", ") + std::string("all structural changes (created 0x4, removed 0x8, changed 0xc)");
+        str +=
+            (str.empty() ? "" : ", ") + std::string("all structural changes (created 0x4, removed 0x8, changed 0xc)");
     return str;
 }
 

@@ -106,8 +106,8 @@ std::string Formatted(const std::string& strFormat, const KvrsEvent& ev, const T
             str += chNext == 'n' ? '\n' : chNext == 't' ? '\t' : '\\';
             ++i;
         } else if (ch == '%') {
-            KvrsUsageError(std::string("bad --format: unknown code '%") + (chNext == '\0' ? "" : std::string(1, chNext)) +
-                           "' (see kvrs listen --help)");
+            KvrsUsageError(std::string("bad --format: unknown code '%") +
+                           (chNext == '\0' ? "" : std::string(1, chNext)) + "' (see kvrs listen --help)");
         } else {
             str += ch;
         }

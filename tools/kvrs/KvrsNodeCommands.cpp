@@ -56,8 +56,8 @@ void RunGet(const GetOptions& opt)
 struct SetOptions {
     std::string m_strPath;
     KvrsValueSource m_src;
-    std::string m_strType;    // empty: keep the value's type
-    std::string m_strNotify;  // empty: KVRS_MSG_VALUE
+    std::string m_strType;       // empty: keep the value's type
+    std::string m_strNotify;     // empty: KVRS_MSG_VALUE
     bool m_bValueGiven = false;  // VALUE was given (it may be the empty text)
     ChangeOptions m_change;
 };
@@ -193,8 +193,9 @@ void RunRef(const RefOptions& opt)
     KvRsSetRefNode(node.GetHandle(), node.GetId(), target.GetHandle(), target.GetId());
     KvRsNodeProxy stored = KvRsGetRefNode(node.GetHandle(), node.GetId());
     if (stored.GetHandle() != target.GetHandle())
-        throw KvrsError(KVRS_EXIT_FAILED, "'" + opt.m_strPath +
-                                              "' cannot become a reference (it holds a value or children, or is const)");
+        throw KvrsError(KVRS_EXIT_FAILED,
+                        "'" + opt.m_strPath +
+                            "' cannot become a reference (it holds a value or children, or is const)");
     if (opt.m_change.m_bQuiet)
         return;
     if (!created.m_vCreated.empty())
@@ -281,9 +282,9 @@ void AddSet(CLI::App& app)
         ->type_name("N");
     sub->add_flag("--hex", opt->m_src.m_bHex, "The input is hex text (\"48 69\" or \"4869\"); whitespace is ignored");
     sub->add_flag("--keep-newline", opt->m_src.m_bKeepNewline, "Keep the newline that ends standard input");
-    auto* pNotify = sub->add_option("--notify", opt->m_strNotify,
-                                    "Notify the node's clients with message number N (default 1)")
-                        ->type_name("N");
+    auto* pNotify =
+        sub->add_option("--notify", opt->m_strNotify, "Notify the node's clients with message number N (default 1)")
+            ->type_name("N");
     AddChangeOptions(sub, &opt->m_change, "Notify nobody");
     pNotify->excludes(sub->get_option("--quiet"));
     sub->callback([opt] { RunSet(*opt); });

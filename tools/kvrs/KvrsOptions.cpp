@@ -127,7 +127,8 @@ std::string KvrsParseErrorText(const CLI::ParseError& e)
             return "bad value '" + KvrsShown(strWhat.substr(i + 3)) + "' for " + strWhat.substr(0, i);
         return "bad value: " + KvrsShown(str);
     }
-    if (dynamic_cast<const CLI::ExcludesError*>(&e) != nullptr || dynamic_cast<const CLI::RequiresError*>(&e) != nullptr)
+    if (dynamic_cast<const CLI::ExcludesError*>(&e) != nullptr ||
+        dynamic_cast<const CLI::RequiresError*>(&e) != nullptr)
         return str;  // "--hex excludes --raw": already our words
     if (StartsWith(str, "unknown"))
         return str;

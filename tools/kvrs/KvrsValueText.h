@@ -10,9 +10,9 @@
 
 // Where `set` takes its bytes from.
 struct KvrsValueSource {
-    std::string m_strValue;     // VALUE; "-" reads standard input
-    std::string m_strFile;      // --file F, taken as it is
-    bool m_bHex = false;        // the input is hex text; whitespace is ignored
+    std::string m_strValue;       // VALUE; "-" reads standard input
+    std::string m_strFile;        // --file F, taken as it is
+    bool m_bHex = false;          // the input is hex text; whitespace is ignored
     bool m_bKeepNewline = false;  // keep the newline that ends standard input
 };
 std::vector<unsigned char> KvrsReadValueSource(const KvrsValueSource& src);
