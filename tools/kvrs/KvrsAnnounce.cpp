@@ -38,11 +38,17 @@ void KvrsAnnounce(const KvRsNodeProxy& node, uint32_t dwMsg, const KvRsValueProx
     KvRsNotifyNodeClients(node.GetHandle(), node.GetId(), dwMsg, value.GetHandle(), value.GetId(), false);
 }
 
-void KvrsAnnounceCreated(const KvrsCreated& created, const KvRsValueProxy& value)
+void KvrsAnnounceStructural(const KvRsNodeProxy& node, uint32_t dwMsg)
 {
-    for (size_t i = 0; i < created.m_vCreated.size(); ++i)
-        KvrsAnnounce(created.m_vCreated[i], KVRS_MSG_CREATED,
-                     i + 1 == created.m_vCreated.size() ? value : KvRsValueProxy());
+    const std::string strPath = KvrsNodePath(node);
+    KvrsAnnounce(node, dwMsg,
+                 KvrsMakeValue(KVRS_VALUE_TYPE_PATH, std::vector<unsigned char>(strPath.begin(), strPath.end())));
+}
+
+void KvrsAnnounceCreated(const KvrsCreated& created)
+{
+    for (const KvRsNodeProxy& node : created.m_vCreated)
+        KvrsAnnounceStructural(node, KVRS_MSG_CREATED);
 }
 
 uint32_t KvrsNodeType(const KvRsNodeProxy& node)

@@ -19,8 +19,11 @@ KvrsCreated KvrsCreatePath(const std::string& strPath);
 // Notifies the node's clients (and, for structural numbers, the parties
 // connected for all structural changes) with dwMsg and value.
 void KvrsAnnounce(const KvRsNodeProxy& node, uint32_t dwMsg, const KvRsValueProxy& value);
-// Announces each created node, top first; the last one carries value.
-void KvrsAnnounceCreated(const KvrsCreated& created, const KvRsValueProxy& value);
+// Announces a structural change of node (created, removed, changed) with a
+// value that names it (KVRS_VALUE_TYPE_PATH).
+void KvrsAnnounceStructural(const KvRsNodeProxy& node, uint32_t dwMsg);
+// Announces each created node, top first.
+void KvrsAnnounceCreated(const KvrsCreated& created);
 // The node and its whole subtree (references are not followed), children
 // after their parent.
 std::vector<KvRsNodeProxy> KvrsSubtree(const KvRsNodeProxy& node);

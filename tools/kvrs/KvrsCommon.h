@@ -25,6 +25,10 @@ constexpr uint32_t KVRS_MSG_VALUE = 0x1;    // set: the node's value changed
 constexpr uint32_t KVRS_MSG_CREATED = 0x4;  // the node was created
 constexpr uint32_t KVRS_MSG_REMOVED = 0x8;  // the node was removed from the tree
 constexpr uint32_t KVRS_MSG_CHANGED = 0xC;  // the node's reference or type word changed
+// The root's clients are told of a structural change with the root as the
+// changed node, so kvrs's structural announcements carry a value of this type
+// whose bytes are the full path of the node concerned.
+constexpr uint32_t KVRS_VALUE_TYPE_PATH = 0x6b767273;  // "kvrs"
 // "created", "removed", "changed" for those numbers, else "".
 const char* KvrsMsgEventName(uint32_t dwNumber);
 

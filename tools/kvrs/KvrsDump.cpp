@@ -176,7 +176,7 @@ KvRsNodeProxy CreateByNames(const std::vector<std::string>& vstrNames, bool bQui
             if (child.IsNull())
                 throw KvrsError(KVRS_EXIT_FAILED, "cannot create '" + strName + "' (its parent is const)");
             if (!bQuiet)
-                KvrsAnnounce(child, KVRS_MSG_CREATED, KvRsValueProxy());
+                KvrsAnnounceStructural(child, KVRS_MSG_CREATED);
         }
         cur = child;
     }
@@ -215,7 +215,7 @@ void Apply(const std::vector<DumpNode>& vNodes, const LoadOptions& opt, std::vec
         if (target.IsNull() || KvRsGetRefNode(node.GetHandle(), node.GetId()).GetHandle() != target.GetHandle())
             pvstrRefused->push_back(vNodes[i].m_strPath);
         else if (!opt.m_bQuiet)
-            KvrsAnnounce(node, KVRS_MSG_CHANGED, KvRsValueProxy());
+            KvrsAnnounceStructural(node, KVRS_MSG_CHANGED);
     }
     for (size_t i = 0; i < vNodes.size(); ++i)
         if (KvrsNodeType(vProxies[i]) != vNodes[i].m_dwType)

@@ -40,12 +40,6 @@ bool KvrsPatternMatches(const std::vector<std::string>& vstrPattern, size_t iPat
 
 namespace {
 
-// The names of a node's full path, from the root down.
-std::vector<std::string> NamesOf(const KvRsNodeProxy& node)
-{
-    return KvrsSplitPath(KvrsNodePath(node));
-}
-
 void* Handle(uintptr_t u)
 {
     return reinterpret_cast<void*>(u);
@@ -148,13 +142,15 @@ std::vector<KvRsNodeProxy> KvrsFollow::ConnectExisting()
     return v;
 }
 
-bool KvrsFollow::OnCreated(const KvRsNodeProxy& node)
+std::vector<KvRsNodeProxy> KvrsFollow::ConnectNew()
 {
-    const size_t iPattern = IsConnected(node) ? 0 : MatchingPattern(NamesOf(node));
-    if (iPattern == 0)
-        return false;
-    Connect(node, iPattern);
-    return true;
+    // The root's clients hear of a change with the root as its node, so the
+    // tree is walked again instead of trusting any one message.
+    std::vector<KvRsNodeProxy> v;
+    std::vector<std::string> vstrNames;
+    if (FollowsCreation())
+        Walk(KvrsRoot(), vstrNames, &v);
+    return v;
 }
 
 void KvrsFollow::OnRemoved(const KvRsNodeProxy& node)

@@ -24,8 +24,9 @@ public:
     // Connects to every node that matches now. A plain path must exist.
     // Returns the nodes connected, in tree order.
     std::vector<KvRsNodeProxy> ConnectExisting();
-    // A node was created: connects to it when it matches; true when it did.
-    bool OnCreated(const KvRsNodeProxy& node);
+    // After a structural change: connects to the nodes that match now and
+    // were not connected; returns them.
+    std::vector<KvRsNodeProxy> ConnectNew();
     // A node was removed: its connection goes.
     void OnRemoved(const KvRsNodeProxy& node);
     bool IsConnected(const KvRsNodeProxy& node) const;

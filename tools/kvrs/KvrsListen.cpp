@@ -41,8 +41,8 @@ public:
     }
     void Connect();
     void Disconnect();
-    // Handles one message; false when nothing was printed.
-    bool OnMessage(const KvRsMsgProxy& msg);
+    // Prints one message, and what following it brought.
+    void OnMessage(const KvRsMsgProxy& msg);
     long Printed() const { return m_cPrinted; }
     long Echoed() const { return m_cEchoed; }
     long Received() const { return m_cReceived; }
@@ -51,6 +51,7 @@ public:
 private:
     void Print(const KvrsEvent& ev);
     KvrsEvent EventOf(const KvRsMsgProxy& msg, KvRsNodeProxy* pNode) const;
+    KvrsEvent FollowedEvent(const KvRsNodeProxy& node, uint32_t dwNumber) const;
     bool StructuralWanted() const { return m_opt.m_bStructural || m_follow.FollowsCreation(); }
 
     const ListenOptions& m_opt;
@@ -128,29 +129,46 @@ KvrsEvent Listener::EventOf(const KvRsMsgProxy& msg, KvRsNodeProxy* pNode) const
     return ev;
 }
 
-bool Listener::OnMessage(const KvRsMsgProxy& msg)
+// The event of a node that a pattern follows from now on.
+KvrsEvent Listener::FollowedEvent(const KvRsNodeProxy& node, uint32_t dwNumber) const
+{
+    KvrsEvent ev;
+    ev.m_dwNumber = dwNumber;
+    ev.m_bNode = true;
+    ev.m_strPath = KvrsNodePath(node);
+    ev.m_uTarget = m_follow.TargetOf(node);
+    ev.m_idTarget = static_cast<unsigned long>(ev.m_uTarget);
+    ev.m_value = KvrsReadValue(KvRsGetNodeValue(node.GetHandle(), node.GetId()));
+    return ev;
+}
+
+void Listener::OnMessage(const KvRsMsgProxy& msg)
 {
     ++m_cReceived;
     KvRsNodeProxy node;
-    const KvrsEvent ev = EventOf(msg, &node);
-    const bool bViaStructural = m_uStructural != 0 && ev.m_uTarget == m_uStructural;
-    bool bPrint = !bViaStructural || m_opt.m_bStructural;
-    if (bViaStructural && ev.m_bNode && ev.m_dwNumber == KVRS_MSG_CREATED && m_follow.OnCreated(node)) {
-        bPrint = true;  // a node that a pattern follows from now on: its creation is its first news
+    KvrsEvent ev = EventOf(msg, &node);
+    // kvrs names the node of a structural change in the value's bytes.
+    if (ev.m_value.m_bPresent && ev.m_value.m_dwType == KVRS_VALUE_TYPE_PATH) {
+        ev.m_strPath.assign(ev.m_value.m_ab.begin(), ev.m_value.m_ab.end());
+        ev.m_bNode = true;
+        ev.m_value = KvrsValue();
     }
+    const bool bViaStructural = m_uStructural != 0 && ev.m_uTarget == m_uStructural;
     if (!bViaStructural && ev.m_bNode && ev.m_dwNumber == KVRS_MSG_REMOVED)
         m_follow.OnRemoved(node);
-    if (!bPrint)
-        return false;
-    Print(ev);
-    if (m_opt.m_bEcho && ev.m_bNode) {
+    if (!bViaStructural || m_opt.m_bStructural)
+        Print(ev);
+    if (bViaStructural && (ev.m_dwNumber & KVRS_NOTIFY_STRUCTURAL_MASK) != 0) {
+        for (const KvRsNodeProxy& nodeNew : m_follow.ConnectNew())
+            Print(FollowedEvent(nodeNew, ev.m_dwNumber == KVRS_MSG_CHANGED ? KVRS_MSG_CHANGED : KVRS_MSG_CREATED));
+    }
+    if (m_opt.m_bEcho && !bViaStructural && !node.IsNull()) {
         // Answer with the same number and the very same value object: the
         // sender measures the round trip.
         KvRsValueProxy value = KvRsGetMsgValue(msg.GetHandle(), msg.GetId());
         KvRsNotifyNodeServer(node.GetHandle(), node.GetId(), ev.m_dwNumber, value.GetHandle(), value.GetId());
         ++m_cEchoed;
     }
-    return true;
 }
 
 // Longest single sleep of an idle listener: five wake-ups a second.

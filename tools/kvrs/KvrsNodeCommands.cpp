@@ -93,7 +93,7 @@ void RunSet(const SetOptions& opt)
     if (opt.m_change.m_bQuiet)
         return;
     if (!created.m_vCreated.empty())
-        KvrsAnnounceCreated(created, value);  // a new node has no clients yet
+        KvrsAnnounceCreated(created);  // a new node has no clients yet: listeners that follow it read its value
     else
         KvrsAnnounce(node, dwNotify, value);
 }
@@ -141,7 +141,7 @@ void RunRm(const RmOptions& opt)
     // Deepest first, so that a listener of a child hears of it before its parent.
     // The removed nodes keep their parent links: their paths stay readable.
     for (auto it = vSubtree.rbegin(); it != vSubtree.rend(); ++it)
-        KvrsAnnounce(*it, KVRS_MSG_REMOVED, KvRsValueProxy());
+        KvrsAnnounceStructural(*it, KVRS_MSG_REMOVED);
 }
 
 // --- ref ---------------------------------------------------------------------
@@ -199,9 +199,9 @@ void RunRef(const RefOptions& opt)
     if (opt.m_change.m_bQuiet)
         return;
     if (!created.m_vCreated.empty())
-        KvrsAnnounceCreated(created, KvRsValueProxy());
+        KvrsAnnounceCreated(created);
     else
-        KvrsAnnounce(node, KVRS_MSG_CHANGED, KvRsValueProxy());
+        KvrsAnnounceStructural(node, KVRS_MSG_CHANGED);
 }
 
 // --- type --------------------------------------------------------------------
@@ -249,7 +249,7 @@ void RunType(const TypeOptions& opt)
     CheckLibraryBits(opt, dwOld, dwNew);
     KvRsSetNodeType(node.GetHandle(), node.GetId(), dwNew);
     if (!opt.m_change.m_bQuiet && dwNew != dwOld)
-        KvrsAnnounce(node, KVRS_MSG_CHANGED, KvRsValueProxy());
+        KvrsAnnounceStructural(node, KVRS_MSG_CHANGED);
 }
 
 // --- registration ------------------------------------------------------------
