@@ -85,12 +85,12 @@ void KvrsFollow::Connect(const KvRsNodeProxy& node, uintptr_t uTarget)
     m_vConnected.push_back({node, uTarget});
 }
 
-size_t KvrsFollow::MatchingPattern(const std::vector<std::string>& vstrNames) const
+bool KvrsFollow::Matches(const std::vector<std::string>& vstrNames) const
 {
-    for (size_t i = 0; i < m_vPatterns.size(); ++i)
-        if (m_vPatterns[i].m_bWild && KvrsPatternMatches(m_vPatterns[i].m_vstrNames, 0, vstrNames, 0))
-            return i + 1;
-    return 0;
+    for (const Pattern& p : m_vPatterns)
+        if (p.m_bWild && KvrsPatternMatches(p.m_vstrNames, 0, vstrNames, 0))
+            return true;
+    return false;
 }
 
 bool KvrsFollow::CouldMatchBelow(const std::vector<std::string>& vstrNames) const
@@ -107,9 +107,9 @@ bool KvrsFollow::CouldMatchBelow(const std::vector<std::string>& vstrNames) cons
 
 void KvrsFollow::Walk(const KvRsNodeProxy& node, std::vector<std::string>& vstrNames, std::vector<KvRsNodeProxy>* pv)
 {
-    const size_t iPattern = MatchingPattern(vstrNames);
-    if (iPattern != 0 && !IsConnected(node)) {
-        Connect(node, iPattern);
+    if (Matches(vstrNames) && !IsConnected(node)) {
+        m_uNextFound = std::max(m_uNextFound, NextTarget()) + 1;
+        Connect(node, m_uNextFound);
         pv->push_back(node);
     }
     if ((KvrsNodeType(node) & KVRS_TYPE_REF) || !CouldMatchBelow(vstrNames))

@@ -30,8 +30,10 @@ public:
     // A node was removed: its connection goes.
     void OnRemoved(const KvRsNodeProxy& node);
     bool IsConnected(const KvRsNodeProxy& node) const;
-    // The target handle of the node's connection: the number (1, 2, ...) of
-    // the first pattern that matched it.
+    // The target handle of the node's connection (0: not connected). A plain
+    // path's node has the path's number (1, 2, ...); nodes found by patterns
+    // get numbers after NextTarget(). Each connection has a handle of its own:
+    // disconnecting one drops the queued messages of its handle.
     uintptr_t TargetOf(const KvRsNodeProxy& node) const;
     // The target handle after the patterns': the structural connection's.
     uintptr_t NextTarget() const { return m_vPatterns.size() + 1; }
@@ -51,12 +53,13 @@ private:
     };
     void Connect(const KvRsNodeProxy& node, uintptr_t uTarget);
     void Walk(const KvRsNodeProxy& node, std::vector<std::string>& vstrNames, std::vector<KvRsNodeProxy>* pv);
-    // Number (1, ...) of the first pattern matching the names, 0 for none.
-    size_t MatchingPattern(const std::vector<std::string>& vstrNames) const;
+    // True when a wild pattern matches the names.
+    bool Matches(const std::vector<std::string>& vstrNames) const;
     bool CouldMatchBelow(const std::vector<std::string>& vstrNames) const;
 
     std::vector<Pattern> m_vPatterns;
     std::vector<Connected> m_vConnected;
+    uintptr_t m_uNextFound = 0;  // the last handle given to a node found by a pattern
 };
 
 // The names of a dotted path ("" has none).

@@ -217,8 +217,6 @@ struct TypeOptions {
 // value or children, or claims what is not there. Refused unless --raw.
 void CheckLibraryBits(const TypeOptions& opt, uint32_t dwOld, uint32_t dwNew)
 {
-    if ((dwNew & KVRS_TYPE_REF) && (dwNew & (KVRS_TYPE_VALUE | KVRS_TYPE_PARENT)))
-        KvrsUsageError("type " + KvrsHex32(dwNew) + " combines ref with value or parent");
     if (opt.m_bRaw)
         return;
     const uint32_t dwKindOld = dwOld & KVRS_TYPE_KIND_MASK;
@@ -235,6 +233,9 @@ void RunType(const TypeOptions& opt)
     KvrsCheckPath(opt.m_strPath, true);
     const bool bChange = !opt.m_strType.empty() || opt.m_bConst;
     const uint32_t dwGiven = opt.m_strType.empty() ? 0 : KvrsParseNumber(opt.m_strType, "TYPE");
+    // The library keeps such a word but reports it as corrupt: refuse it first.
+    if ((dwGiven & KVRS_TYPE_REF) && (dwGiven & (KVRS_TYPE_VALUE | KVRS_TYPE_PARENT)))
+        KvrsUsageError("type " + KvrsHex32(dwGiven) + " combines ref with value or parent");
     KvRsNodeProxy node = KvrsFindNode(opt.m_strPath);
     if (!bChange) {
         const uint32_t dwType = KvrsNodeType(node);
