@@ -180,6 +180,13 @@ TEST_F(KvToolTest, ExamplesTalkToEachOtherAndTheDemoLosesNothing)
     EXPECT_NE(std::string::npos, rSub.strOut.find("message 1 for target 42: value 1\n")) << rSub.strOut;
     EXPECT_NE(std::string::npos, rSub.strOut.find("message 1 for target 42: value 5\n")) << rSub.strOut;
 
+    // A stopped subscriber ends cleanly: its wait ends and its connection goes.
+    KvToolProcess stopped(KVRS_EXAMPLE_SUBSCRIBER, {"ex.counter", "100"});
+    ASSERT_TRUE(stopped.WaitForText("subscribed to ex.counter"));
+    EXPECT_NE(std::string::npos, KvTool({"tree", "ex"}).strOut.find("clients 1"));
+    stopped.Signal(SIGTERM);
+    EXPECT_EQ(0, stopped.Finish(5).iStatus) << "SIGTERM ends the wait and main returns";
+
     const KvToolResult r = KvTool({"demo", "--seconds", "0.5"});
     EXPECT_EQ(0, r.iStatus) << r.strOut << r.strErr;
     EXPECT_NE(std::string::npos, r.strOut.find("received: none lost")) << r.strOut;
