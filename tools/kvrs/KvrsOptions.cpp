@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
+#include <vector>
 
 #include "KvCppMfc/Platform/KvPlatform.h"
 #include "KvCppMfc/Pool/KvGranularity.h"
@@ -31,6 +33,15 @@ std::string After(const std::string& str, const char* pszMarker)
 {
     const size_t i = str.find(pszMarker);
     return i == std::string::npos ? std::string() : str.substr(i + strlen(pszMarker));
+}
+
+std::vector<std::string> Words(const std::string& str)
+{
+    std::vector<std::string> vstr;
+    std::istringstream in(str);
+    for (std::string strWord; in >> strWord;)
+        vstr.push_back(strWord);
+    return vstr;
 }
 
 bool StartsWith(const std::string& str, const char* psz)
@@ -112,7 +123,10 @@ std::string KvrsParseErrorText(const CLI::ParseError& e)
         return "missing " + (i == std::string::npos ? KvrsShown(str) : str.substr(0, i));
     }
     if (dynamic_cast<const CLI::ExtrasError*>(&e) != nullptr) {
-        const std::string strArgs = After(str, "expected: ");
+        // CLI11 lists what is left over last word first.
+        std::string strArgs;
+        for (const std::string& strWord : Words(After(str, "expected: ")))
+            strArgs = strWord + (strArgs.empty() ? "" : " ") + strArgs;
         return (StartsWith(strArgs, "-") ? "unknown option " : "unexpected argument ") +
                KvrsShown(strArgs.empty() ? str : strArgs);
     }
