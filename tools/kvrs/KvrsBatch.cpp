@@ -108,6 +108,7 @@ int KvrsRunBatch()
         if (strLine == "quit" || strLine == "exit")
             break;
         const int iStatus = strLine == "help" ? KvrsRunCommand({"--help"}) : RunLine(strLine, iLine, bInteractive);
+        KvrsClearStopRequest();
         if (iStatus != KVRS_EXIT_OK && !bInteractive)
             return iStatus;
     }

@@ -395,6 +395,11 @@ bool KvrsStopRequested()
     return s_fStop != 0;
 }
 
+void KvrsClearStopRequest()
+{
+    s_fStop = 0;
+}
+
 int64_t KvrsNowMicros()
 {
     using namespace std::chrono;

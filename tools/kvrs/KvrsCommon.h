@@ -119,6 +119,9 @@ std::string KvrsJsonString(const std::string& str);
 // disconnect cleanly.
 void KvrsInstallStopHandlers();
 bool KvrsStopRequested();
+// Forgets a stop request: `kvrs -` runs the next command after a listen that
+// Ctrl-C ended.
+void KvrsClearStopRequest();
 // Monotonic time in microseconds (the same clock in every process of the machine).
 int64_t KvrsNowMicros();
 void KvrsSleepMicros(int64_t cus);
