@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a job needs, and nothing from anywhere else.
-#   tools/install-deps.sh demo    the library and kvrs
+#   tools/install-deps.sh demo    the library and kvrs (CLI11, nlohmann-json)
 #   tools/install-deps.sh test    + GoogleTest, Google Benchmark, Boost headers,
 #                                 the i386 toolchain, clang's libFuzzer, strace
 #   tools/install-deps.sh ci      + what CI alone needs: clang-format, clang-tidy
@@ -11,7 +11,7 @@
 set -euo pipefail
 
 job=${1:-test}
-pkgs=(g++ cmake make libcli11-dev)
+pkgs=(g++ cmake make libcli11-dev nlohmann-json3-dev)
 case "$job" in
   demo) ;;
   test)
