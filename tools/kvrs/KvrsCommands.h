@@ -15,4 +15,5 @@ void KvrsAddReapCommand(CLI::App& app);     // reap
 // Reaps ended processes now (kvrs serve does so periodically); prints a line
 // per process when asked.
 void KvrsReapNow(bool bPrint);
-void KvrsAddDemoCommands(CLI::App& app);  // demo and its hidden publisher role
+void KvrsAddDemoCommands(CLI::App& app);   // demo and its hidden publisher role
+void KvrsAddBridgeCommand(CLI::App& app);  // bridge (built with libmosquitto only)

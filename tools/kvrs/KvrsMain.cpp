@@ -61,6 +61,9 @@ int Run(int argc, char** argv)
     KvrsAddCheckCommand(app);
     KvrsAddReapCommand(app);
     KvrsAddDemoCommands(app);
+#ifdef KVRS_HAVE_BRIDGE
+    KvrsAddBridgeCommand(app);
+#endif
     app.footer("Exit status: 0 success, 1 node not found or change refused, 2 usage error.\n"
                "The tree is the one of namespace $KVRFRSVR_NAMESPACE (default: one per user).");
 

@@ -1,0 +1,105 @@
+// KvrsBridgeSync.cpp - stamps, publishing and taking changes.
+#include "KvrsBridgeSync.h"
+
+#include <chrono>
+#include <cstdio>
+
+#include "KvrsBridgeTopic.h"
+
+int64_t KvrsBridgeWallMicros()
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+KvrsBridgeSync::KvrsBridgeSync(KvrsBridgeLocal& local, KvrsBridgeMqtt& mqtt, const std::string& strRoot,
+                               const std::string& strOrigin)
+    : m_local(local), m_mqtt(mqtt), m_strRoot(strRoot), m_strOrigin(strOrigin)
+{
+}
+
+bool KvrsBridgeSync::Older(int64_t tStamp, const std::string& strOrigin, const Synced& synced)
+{
+    return tStamp < synced.m_tStamp || (tStamp == synced.m_tStamp && strOrigin < synced.m_strOrigin);
+}
+
+void KvrsBridgeSync::Publish(const std::string& strKey, const Synced& synced, bool bResync)
+{
+    KvrsBridgeMeta meta;
+    meta.m_bHasType = synced.m_value.m_bPresent;
+    meta.m_dwType = synced.m_value.m_dwType;
+    meta.m_bHasNumber = true;
+    meta.m_dwNumber = synced.m_dwNumber;
+    meta.m_bHasStamp = true;
+    meta.m_tStamp = synced.m_tStamp;
+    meta.m_strOrigin = synced.m_strOrigin;
+    meta.m_bResync = bResync;
+    // A notification without any value goes out unretained: an empty retained
+    // message would delete what the broker keeps for the node.
+    if (m_mqtt.Publish(m_strRoot + "/" + strKey, synced.m_value.m_ab, meta, synced.m_value.m_bPresent))
+        ++m_cPublished;
+}
+
+void KvrsBridgeSync::OnLocalChanges(const std::vector<KvrsBridgeChange>& vchange, bool bInitial)
+{
+    for (const KvrsBridgeChange& change : vchange) {
+        Synced& synced = m_mapSynced[change.m_strKey];
+        const bool bKeep = !change.m_value.m_bPresent && synced.m_value.m_bPresent;
+        Synced sent;
+        sent.m_value = change.m_value;
+        sent.m_dwNumber = change.m_dwNumber & KVRS_NOTIFY_MSG_MASK;
+        sent.m_tStamp = bInitial ? 0 : KvrsBridgeWallMicros();
+        sent.m_strOrigin = m_strOrigin;
+        Publish(change.m_strKey, sent, false);
+        // A bare notification leaves the retained value, and its stamp, as they were.
+        if (!bKeep)
+            synced = sent;
+    }
+}
+
+void KvrsBridgeSync::OnIncoming(const KvrsBridgeIncoming& in)
+{
+    std::string strKey;
+    if (!KvrsBridgeKeyOfTopic(m_strRoot, in.m_strTopic, strKey) || !m_local.IsWithin(strKey))
+        return;
+    const KvrsBridgeMeta& meta = in.m_meta;
+    Synced got;
+    got.m_value.m_bPresent = true;
+    got.m_value.m_dwType = meta.m_bHasType ? meta.m_dwType : 0;
+    got.m_value.m_ab = in.m_ab;
+    got.m_dwNumber = meta.m_bHasNumber ? meta.m_dwNumber : 1;
+    got.m_tStamp = meta.m_bHasStamp ? meta.m_tStamp : in.m_bRetained ? 0 : KvrsBridgeWallMicros();
+    got.m_strOrigin = meta.m_bHasStamp ? meta.m_strOrigin : std::string();
+    auto it = m_mapSynced.find(strKey);
+    if (it != m_mapSynced.end()) {
+        Synced& synced = it->second;
+        if (Older(got.m_tStamp, got.m_strOrigin, synced)) {
+            // The broker now holds something older than what this tree has.
+            if (synced.m_value.m_bPresent && !KvrsSameValue(synced.m_value, got.m_value))
+                Publish(strKey, synced, true);
+            return;
+        }
+        const bool bSameChange = got.m_tStamp == synced.m_tStamp && got.m_strOrigin == synced.m_strOrigin;
+        const bool bNoNews = (meta.m_bResync || in.m_bRetained) && KvrsSameValue(synced.m_value, got.m_value);
+        if (bSameChange || bNoNews) {
+            synced.m_tStamp = got.m_tStamp;
+            synced.m_strOrigin = got.m_strOrigin;
+            return;
+        }
+    }
+    if (!meta.m_bHasType && !meta.m_bHasStamp && in.m_ab.empty() && in.m_bRetained)
+        return;  // not a value: nothing retained is ever empty
+    if (!m_local.Apply(strKey, got.m_value, got.m_dwNumber)) {
+        fprintf(stderr, "bridge: cannot store %s in the tree\n", in.m_strTopic.c_str());
+        return;
+    }
+    ++m_cApplied;
+    m_mapSynced[strKey] = got;
+}
+
+void KvrsBridgeSync::Republish()
+{
+    for (const auto& [strKey, synced] : m_mapSynced)
+        if (synced.m_value.m_bPresent)
+            Publish(strKey, synced, true);
+}
