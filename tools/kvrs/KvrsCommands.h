@@ -15,5 +15,6 @@ void KvrsAddReapCommand(CLI::App& app);     // reap
 // Reaps ended processes now (kvrs serve does so periodically); prints a line
 // per process when asked.
 void KvrsReapNow(bool bPrint);
-void KvrsAddDemoCommands(CLI::App& app);   // demo and its hidden publisher role
-void KvrsAddBridgeCommand(CLI::App& app);  // bridge (built with libmosquitto only)
+void KvrsAddDemoCommands(CLI::App& app);  // demo and its hidden publisher role
+// bridge, built only where libmosquitto is found
+void KvrsAddBridgeCommand(CLI::App& app);
