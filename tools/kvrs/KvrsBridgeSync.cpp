@@ -1,6 +1,7 @@
 // KvrsBridgeSync.cpp - stamps, publishing and taking changes.
 #include "KvrsBridgeSync.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 
@@ -16,6 +17,14 @@ KvrsBridgeSync::KvrsBridgeSync(KvrsBridgeLocal& local, KvrsBridgeMqtt& mqtt, con
                                const std::string& strOrigin)
     : m_local(local), m_mqtt(mqtt), m_strRoot(strRoot), m_strOrigin(strOrigin)
 {
+}
+
+// Changes made here are ordered by their stamps elsewhere: two changes in one
+// microsecond, or after the clock was set back, still get increasing stamps.
+int64_t KvrsBridgeSync::NextStamp()
+{
+    m_tLastStamp = std::max(m_tLastStamp + 1, KvrsBridgeWallMicros());
+    return m_tLastStamp;
 }
 
 bool KvrsBridgeSync::Older(int64_t tStamp, const std::string& strOrigin, const Synced& synced)
@@ -48,7 +57,7 @@ void KvrsBridgeSync::OnLocalChanges(const std::vector<KvrsBridgeChange>& vchange
         Synced sent;
         sent.m_value = change.m_value;
         sent.m_dwNumber = change.m_dwNumber & KVRS_NOTIFY_MSG_MASK;
-        sent.m_tStamp = bInitial ? 0 : KvrsBridgeWallMicros();
+        sent.m_tStamp = bInitial ? 0 : NextStamp();
         sent.m_strOrigin = m_strOrigin;
         Publish(change.m_strKey, sent, false);
         // A bare notification leaves the retained value, and its stamp, as they were.

@@ -44,6 +44,7 @@ private:
     };
 
     void Publish(const std::string& strKey, const Synced& synced, bool bResync);
+    int64_t NextStamp();
     static bool Older(int64_t tStamp, const std::string& strOrigin, const Synced& synced);
 
     KvrsBridgeLocal& m_local;
@@ -51,6 +52,7 @@ private:
     std::string m_strRoot;
     std::string m_strOrigin;
     std::map<std::string, Synced> m_mapSynced;
+    int64_t m_tLastStamp = 0;
     long m_cPublished = 0;
     long m_cApplied = 0;
 };
