@@ -29,15 +29,14 @@ int FreePort()
 
 }  // namespace
 
-std::unique_ptr<KvToolProcess> KvBridgeStart(const std::string& strNamespace, const std::vector<std::string>& argv,
-                                             int csLimit)
+KvBridgeProcess KvBridgeStart(const std::string& strNamespace, const std::vector<std::string>& argv, int csLimit)
 {
     std::vector<std::string> vstr;
     if (!strNamespace.empty())
         vstr.push_back("KVRFRSVR_NAMESPACE=" + strNamespace);
     vstr.insert(vstr.end(), {"timeout", "-k", "2", std::to_string(csLimit)});
     vstr.insert(vstr.end(), argv.begin(), argv.end());
-    return std::make_unique<KvToolProcess>("/usr/bin/env", vstr);
+    return std::make_unique<KvBridgeChild>(vstr);
 }
 
 KvToolResult KvBridgeRun(const std::string& strNamespace, const std::vector<std::string>& argv)

@@ -11,10 +11,48 @@
 
 #include "tool/KvToolProcess.h"
 
+// A process started under timeout(1). Ending it takes SIGTERM, which timeout
+// passes on: SIGKILL would end timeout alone and leave its child running. Once
+// finished it is never signalled again (a finished KvToolProcess no longer
+// knows its pid, and kill(-1, ...) would reach every process).
+class KvBridgeChild {
+public:
+    explicit KvBridgeChild(const std::vector<std::string>& argv) : m_process("/usr/bin/env", argv) {}
+    ~KvBridgeChild()
+    {
+        if (!m_bFinished) {
+            m_process.Signal(SIGTERM);
+            m_process.Finish(10);
+        }
+    }
+    KvBridgeChild(const KvBridgeChild&) = delete;
+    KvBridgeChild& operator=(const KvBridgeChild&) = delete;
+    bool WaitForText(const std::string& strText, bool bStderr = false) const
+    {
+        return m_process.WaitForText(strText, bStderr);
+    }
+    void Signal(int sig) const
+    {
+        if (!m_bFinished)
+            m_process.Signal(sig);
+    }
+    KvToolResult Finish(int cSeconds = 20)
+    {
+        if (m_bFinished)
+            return {};
+        m_bFinished = true;
+        return m_process.Finish(cSeconds);
+    }
+
+private:
+    KvToolProcess m_process;
+    bool m_bFinished = false;
+};
+using KvBridgeProcess = std::unique_ptr<KvBridgeChild>;
+
 // Starts argv under `timeout` with KVRFRSVR_NAMESPACE=strNamespace ("" keeps
 // the environment's).
-std::unique_ptr<KvToolProcess> KvBridgeStart(const std::string& strNamespace, const std::vector<std::string>& argv,
-                                             int csLimit = 120);
+KvBridgeProcess KvBridgeStart(const std::string& strNamespace, const std::vector<std::string>& argv, int csLimit = 120);
 // Runs argv to its end in the namespace.
 KvToolResult KvBridgeRun(const std::string& strNamespace, const std::vector<std::string>& argv);
 // Polls fn every 20 ms for up to cms; true as soon as it holds.
@@ -34,7 +72,7 @@ public:
 
 private:
     bool StartOn(int iPort);
-    std::unique_ptr<KvToolProcess> m_pProcess;
+    KvBridgeProcess m_pProcess;
     std::string m_strConf = KvTestTempFile();
     int m_iPort = 0;
 };
@@ -48,7 +86,7 @@ public:
     bool StartBridge(const KvBridgeBroker& broker, const std::vector<std::string>& vstrExtra = {});
     // Stops the bridge with SIGTERM and returns its result.
     KvToolResult StopBridge();
-    KvToolProcess* Bridge() const { return m_pBridge.get(); }
+    KvBridgeChild* Bridge() const { return m_pBridge.get(); }
     KvToolResult Kvrs(const std::vector<std::string>& args) const { return KvBridgeRun(m_strNamespace, args); }
     // The node's value as `kvrs get` prints it, "" when there is none.
     std::string Get(const std::string& strPath) const;
@@ -56,5 +94,5 @@ public:
 
 private:
     std::string m_strNamespace;
-    std::unique_ptr<KvToolProcess> m_pServe, m_pBridge;
+    KvBridgeProcess m_pServe, m_pBridge;
 };

@@ -41,7 +41,7 @@ protected:
     }
     // mosquitto_sub on everything below kvrs/, printing "topic payload
     // properties"; returns once it is known to be subscribed.
-    std::unique_ptr<KvToolProcess> Subscribe()
+    KvBridgeProcess Subscribe()
     {
         auto p = KvBridgeStart("", {KV_MOSQUITTO_SUB, "-V", "mqttv5", "-p", std::to_string(m_broker.Port()), "-R", "-t",
                                     "kvrs/#", "-t", "probe", "-F", "%t %p %P"});
@@ -57,13 +57,13 @@ protected:
         argv.insert(argv.end(), args.begin(), args.end());
         EXPECT_EQ(0, KvBridgeRun("", argv).iStatus);
     }
-    std::unique_ptr<KvToolProcess> Listen(KvBridgeTree& tree, const std::string& strPath)
+    KvBridgeProcess Listen(KvBridgeTree& tree, const std::string& strPath)
     {
         auto p = KvBridgeStart(tree.Namespace(), {KVRS_EXE, "listen", strPath});
         EXPECT_TRUE(p->WaitForText("listening to", true));
         return p;
     }
-    static std::string StopAndRead(std::unique_ptr<KvToolProcess>& p)
+    static std::string StopAndRead(KvBridgeProcess& p)
     {
         p->Signal(SIGTERM);
         return p->Finish(10).strOut;
@@ -102,6 +102,20 @@ TEST_F(KvBridgeTest, ChangesCrossBothWaysExactlyOnce)
     EXPECT_EQ("21.5", m_pB->Get("plant.line1.temp"));
     EXPECT_EQ("to-a", m_pA->Get("plant.line1.temp"));
     EXPECT_EQ("21.5", m_pB->Get("plant.line1.temp"));
+}
+
+TEST_F(KvBridgeTest, ABurstArrivesWholeAndInOrder)
+{
+    ASSERT_EQ(0, m_pA->Kvrs({KVRS_EXE, "set", "plant.burst", "0"}).iStatus);
+    ASSERT_EQ(0, m_pB->Kvrs({KVRS_EXE, "set", "plant.burst", "0"}).iStatus);
+    StartBridges();
+    auto pListenB = Listen(*m_pB, "plant.burst");
+    ASSERT_EQ(0, m_pA->Kvrs({KVRS_EXE, "notify", "plant.burst", "1", "--value", "last", "--repeat", "300"}).iStatus);
+    ASSERT_EQ(0, m_pA->Kvrs({KVRS_EXE, "notify", "plant.burst", "2", "--value", "end"}).iStatus);
+    ASSERT_TRUE(pListenB->WaitForText("#0x0002  plant.burst"));
+    const std::string strOut = StopAndRead(pListenB);
+    EXPECT_EQ(301u, KvToolLineCount(strOut));
+    EXPECT_EQ(300, KvCountOf(strOut, "#0x0001  plant.burst  target 1/1  type 0, 4 bytes \"last\""));
 }
 
 TEST_F(KvBridgeTest, ScansCarryNewNodesAndUnnotifiedValuesWithEscapedNames)
