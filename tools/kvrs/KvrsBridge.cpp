@@ -199,15 +199,6 @@ void KvrsAddBridgeCommand(CLI::App& app)
 {
     auto opt = std::make_shared<BridgeOptions>();
     CLI::App* sub = app.add_subcommand("bridge", "Mirror subtrees both ways through an MQTT broker");
-    sub->description("Mirror subtrees both ways through an MQTT 5 broker, until SIGINT or SIGTERM.\n"
-                     "Node a.b.c is topic ROOT/a/b/c. In a name, '%', '/', '+', '#', space, control and\n"
-                     "non-ASCII bytes are written %XX (hex); the empty name is the level '%'.\n"
-                     "Local notifications (and value changes a scan finds) are published retained, QoS 1,\n"
-                     "with user properties kvrs-type (value type) and kvrs-msg (message number); a\n"
-                     "publish from the broker creates the node, stores the payload (type kvrs-type, else 0)\n"
-                     "and notifies the node's clients (number kvrs-msg, else 1). The newest change wins\n"
-                     "(kvrs-stamp, kvrs-origin). Reconnects with back-off and republishes after a broker\n"
-                     "restart. Reference nodes are not bridged.");
     sub->add_option("SUBTREE", opt->m_vstrSubtrees, "Dotted paths of the subtrees to mirror (made when missing)")
         ->required();
     sub->add_option("--broker", opt->m_strBroker,
@@ -228,6 +219,16 @@ void KvrsAddBridgeCommand(CLI::App& app)
     sub->add_option("--retry-max-ms", opt->m_cmsRetryMax, "Longest pause between reconnection attempts")
         ->capture_default_str()
         ->check(CLI::Range(100L, 3600000L));
-    sub->footer("Exit status: 0 after SIGINT/SIGTERM, 1 the tree refused a subtree, 2 usage error.");
+    sub->footer("Runs until SIGINT or SIGTERM. Subtrees must not overlap.\n"
+                "Node a.b.c is topic ROOT/a/b/c. In a name, '%', '/', '+', '#', space, control and\n"
+                "non-ASCII bytes are written %XX (hex); the empty name is the level '%'.\n"
+                "Local notifications (and value changes a scan finds) are published retained, QoS 1,\n"
+                "with user properties kvrs-type (value type) and kvrs-msg (message number); a\n"
+                "publish from the broker creates the node, stores the payload (type kvrs-type, else 0)\n"
+                "and notifies the node's clients (number kvrs-msg, else 1). The newest change wins\n"
+                "(kvrs-stamp, kvrs-origin). Reconnects with back-off and republishes after a broker\n"
+                "restart. Reference nodes are not bridged.\n\n"
+                "Exit status: 0 after SIGINT/SIGTERM, 1 the tree refused a subtree, 2 usage error.\n"
+                "Set-up, topics and escaping: docs/bridge.md.");
     sub->callback([opt] { RunBridge(*opt); });
 }
