@@ -28,6 +28,7 @@ protected:
             KvToolResult r = pTree->StopBridge();
             if (r.iStatus != -1) {  // -1: never started, or stopped by the test
                 EXPECT_EQ(0, r.iStatus) << r.strErr;
+                EXPECT_EQ(std::string::npos, r.strErr.find("lost the broker")) << r.strErr;
             }
             pTree->Stop();
             EXPECT_TRUE(KvBridgeShmObjects(strNamespace).empty()) << strNamespace;

@@ -267,6 +267,8 @@ void KvrsBridgeMqtt::Disconnect()
     for (int i = 0; i < 100 && mosquitto_want_write(m_pm); ++i)
         if (mosquitto_loop_write(m_pm, 1) != MOSQ_ERR_SUCCESS)
             break;
-    mosquitto_disconnect_v5(m_pm, MQTT_RC_NORMAL_DISCONNECTION, nullptr);
+    // Down first: libmosquitto calls the disconnect callback from here, and
+    // that is no loss of the broker.
     m_eState = State::Down;
+    mosquitto_disconnect_v5(m_pm, MQTT_RC_NORMAL_DISCONNECTION, nullptr);
 }
