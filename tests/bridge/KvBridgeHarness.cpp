@@ -29,19 +29,21 @@ int FreePort()
 
 }  // namespace
 
-KvBridgeProcess KvBridgeStart(const std::string& strNamespace, const std::vector<std::string>& argv, int csLimit)
+KvBridgeProcess KvBridgeStart(const std::string& strNamespace, const std::vector<std::string>& argv, int csLimit,
+                              const std::string& strIn)
 {
     std::vector<std::string> vstr;
     if (!strNamespace.empty())
         vstr.push_back("KVRFRSVR_NAMESPACE=" + strNamespace);
     vstr.insert(vstr.end(), {"timeout", "-k", "2", std::to_string(csLimit)});
     vstr.insert(vstr.end(), argv.begin(), argv.end());
-    return std::make_unique<KvBridgeChild>(vstr);
+    return std::make_unique<KvBridgeChild>(vstr, strIn);
 }
 
-KvToolResult KvBridgeRun(const std::string& strNamespace, const std::vector<std::string>& argv)
+KvToolResult KvBridgeRun(const std::string& strNamespace, const std::vector<std::string>& argv,
+                         const std::string& strIn)
 {
-    return KvBridgeStart(strNamespace, argv, 30)->Finish(40);
+    return KvBridgeStart(strNamespace, argv, 30, strIn)->Finish(40);
 }
 
 bool KvBridgeEventually(const std::function<bool()>& fn, int cms)

@@ -17,7 +17,10 @@
 // knows its pid, and kill(-1, ...) would reach every process).
 class KvBridgeChild {
 public:
-    explicit KvBridgeChild(const std::vector<std::string>& argv) : m_process("/usr/bin/env", argv) {}
+    KvBridgeChild(const std::vector<std::string>& argv, const std::string& strIn)
+        : m_process("/usr/bin/env", argv, strIn)
+    {
+    }
     ~KvBridgeChild()
     {
         if (!m_bFinished) {
@@ -51,10 +54,12 @@ private:
 using KvBridgeProcess = std::unique_ptr<KvBridgeChild>;
 
 // Starts argv under `timeout` with KVRFRSVR_NAMESPACE=strNamespace ("" keeps
-// the environment's).
-KvBridgeProcess KvBridgeStart(const std::string& strNamespace, const std::vector<std::string>& argv, int csLimit = 120);
+// the environment's) and standard input from the file strIn ("": none).
+KvBridgeProcess KvBridgeStart(const std::string& strNamespace, const std::vector<std::string>& argv, int csLimit = 120,
+                              const std::string& strIn = "");
 // Runs argv to its end in the namespace.
-KvToolResult KvBridgeRun(const std::string& strNamespace, const std::vector<std::string>& argv);
+KvToolResult KvBridgeRun(const std::string& strNamespace, const std::vector<std::string>& argv,
+                         const std::string& strIn = "");
 // Polls fn every 20 ms for up to cms; true as soon as it holds.
 bool KvBridgeEventually(const std::function<bool()>& fn, int cms = 10000);
 // Names in /dev/shm that belong to the namespace.

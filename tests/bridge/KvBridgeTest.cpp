@@ -1,6 +1,7 @@
 // KvBridgeTest.cpp - two trees joined by `kvrs bridge` through a real
 // mosquitto: changes cross both ways exactly once, plain MQTT clients take
 // part, a broker restart is survived, and nothing is left behind.
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,11 +53,11 @@ protected:
         }));
         return p;
     }
-    void Publish(const std::vector<std::string>& args)
+    void Publish(const std::vector<std::string>& args, const std::string& strIn = "")
     {
         std::vector<std::string> argv{KV_MOSQUITTO_PUB, "-V", "mqttv5", "-p", std::to_string(m_broker.Port())};
         argv.insert(argv.end(), args.begin(), args.end());
-        EXPECT_EQ(0, KvBridgeRun("", argv).iStatus);
+        EXPECT_EQ(0, KvBridgeRun("", argv, strIn).iStatus);
     }
     KvBridgeProcess Listen(KvBridgeTree& tree, const std::string& strPath)
     {
@@ -148,7 +149,17 @@ TEST_F(KvBridgeTest, PlainMqttClientsReachEveryTree)
     Publish({"-t", "kvrs/plant/ext", "-m", "42", "-D", "publish", "user-property", "kvrs-type", "3", "-D", "publish",
              "user-property", "kvrs-msg", "33"});
     EXPECT_TRUE(pListenB->WaitForText("#0x0021  plant.ext  target 1/1  type 3, 2 bytes \"42\""));
-    StopAndRead(pListenB);
+    // Lines published at once are as many changes, however close together.
+    const std::string strLines = KvTestTempFile();
+    {
+        std::ofstream out(strLines);
+        for (int i = 0; i < 100; ++i)
+            out << "line" << i << "\n";
+    }
+    Publish({"-t", "kvrs/plant/ext", "-l"}, strLines);
+    EXPECT_TRUE(pListenB->WaitForText("type 0, 6 bytes \"line99\""));
+    EXPECT_EQ(100, KvCountOf(StopAndRead(pListenB), "#0x0001  plant.ext"));
+    unlink(strLines.c_str());
     Publish({"-t", "kvrs/plant/sp%20ace/%", "-m", "deep"});
     EXPECT_TRUE(KvBridgeEventually([&] {
         return m_pA->Kvrs({KVRS_EXE, "tree", "plant"}).strOut.find("sp ace  [0x4 parent]") != std::string::npos;

@@ -7,11 +7,16 @@
 
 #include "KvrsBridgeTopic.h"
 
-int64_t KvrsBridgeWallMicros()
+namespace {
+
+// Wall-clock time in microseconds since 1970, the stamps' clock.
+int64_t WallMicros()
 {
     return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
         .count();
 }
+
+}  // namespace
 
 KvrsBridgeSync::KvrsBridgeSync(KvrsBridgeLocal& local, KvrsBridgeMqtt& mqtt, const std::string& strRoot,
                                const std::string& strOrigin)
@@ -23,7 +28,7 @@ KvrsBridgeSync::KvrsBridgeSync(KvrsBridgeLocal& local, KvrsBridgeMqtt& mqtt, con
 // microsecond, or after the clock was set back, still get increasing stamps.
 int64_t KvrsBridgeSync::NextStamp()
 {
-    m_tLastStamp = std::max(m_tLastStamp + 1, KvrsBridgeWallMicros());
+    m_tLastStamp = std::max(m_tLastStamp + 1, WallMicros());
     return m_tLastStamp;
 }
 
@@ -77,7 +82,9 @@ void KvrsBridgeSync::OnIncoming(const KvrsBridgeIncoming& in)
     got.m_value.m_dwType = meta.m_bHasType ? meta.m_dwType : 0;
     got.m_value.m_ab = in.m_ab;
     got.m_dwNumber = meta.m_bHasNumber ? meta.m_dwNumber : 1;
-    got.m_tStamp = meta.m_bHasStamp ? meta.m_tStamp : in.m_bRetained ? 0 : KvrsBridgeWallMicros();
+    // A plain client's live publish is a change made now; two in one
+    // microsecond are still two changes.
+    got.m_tStamp = meta.m_bHasStamp ? meta.m_tStamp : in.m_bRetained ? 0 : NextStamp();
     got.m_strOrigin = meta.m_bHasStamp ? meta.m_strOrigin : std::string();
     auto it = m_mapSynced.find(strKey);
     if (it != m_mapSynced.end()) {

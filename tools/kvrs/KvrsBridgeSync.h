@@ -56,6 +56,3 @@ private:
     long m_cPublished = 0;
     long m_cApplied = 0;
 };
-
-// Wall-clock time in microseconds since 1970, the stamps' clock.
-int64_t KvrsBridgeWallMicros();
