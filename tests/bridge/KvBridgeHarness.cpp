@@ -75,7 +75,7 @@ bool KvBridgeBroker::StartOn(int iPort)
 {
     {
         std::ofstream out(m_strConf);
-        out << "listener " << iPort << " 127.0.0.1\nallow_anonymous true\npersistence false\n";
+        out << "listener " << iPort << " 127.0.0.1\npersistence false\n" << m_strSecurity;
     }
     m_pProcess = KvBridgeStart("", {KV_MOSQUITTO, "-c", m_strConf}, 240);
     if (m_pProcess->WaitForText(" running", true)) {

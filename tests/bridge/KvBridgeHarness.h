@@ -71,6 +71,8 @@ public:
     // Starts on a free port, trying again on another one when the port was
     // taken meanwhile; keeps the port across Stop/Start.
     bool Start();
+    // Configuration lines that replace "allow_anonymous true" (TLS, passwords).
+    void SetSecurity(const std::string& strLines) { m_strSecurity = strLines; }
     void Stop();
     int Port() const { return m_iPort; }
     std::string Address() const { return "127.0.0.1:" + std::to_string(m_iPort); }
@@ -79,6 +81,7 @@ private:
     bool StartOn(int iPort);
     KvBridgeProcess m_pProcess;
     std::string m_strConf = KvTestTempFile();
+    std::string m_strSecurity = "allow_anonymous true\n";
     int m_iPort = 0;
 };
 

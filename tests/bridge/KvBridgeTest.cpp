@@ -210,6 +210,68 @@ TEST_F(KvBridgeTest, BrokerRestartIsSurvivedAndTreesConverge)
     }
 }
 
+// A broker that takes TLS only and wants a password. The broker drops root
+// before it reads its files: they are readable by all.
+class KvBridgeTlsTest : public KvBridgeTest {
+protected:
+    void SetUp() override
+    {
+        if (access("/usr/bin/openssl", X_OK) != 0)
+            GTEST_SKIP() << "openssl is not installed";
+        char szDir[] = "/tmp/kvbridge-tls.XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(szDir));
+        m_strDir = szDir;
+        const std::string strScript =
+            "set -e; cd " + m_strDir +
+            "; openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 -subj /CN=kvtest-ca"
+            "; openssl req -newkey rsa:2048 -nodes -keyout srv.key -out srv.csr -subj /CN=127.0.0.1"
+            "; printf 'subjectAltName=IP:127.0.0.1\\n' > san"
+            "; openssl x509 -req -in srv.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out srv.pem -days 2"
+            " -extfile san"
+            "; " KV_MOSQUITTO_PASSWD " -c -b passwd bridge 's3cret pass'"
+            "; printf 's3cret pass\\n' > pw; printf 'wrong\\n' > bad; chmod -R a+rX .";
+        std::string strOut;
+        ASSERT_EQ(0, KvTestRunExe({"/bin/sh", "-c", strScript}, &strOut)) << strOut;
+        m_broker.SetSecurity("allow_anonymous false\npassword_file " + m_strDir + "/passwd\ncafile " + m_strDir +
+                             "/ca.pem\ncertfile " + m_strDir + "/srv.pem\nkeyfile " + m_strDir + "/srv.key\n");
+        KvBridgeTest::SetUp();
+    }
+    void TearDown() override
+    {
+        KvBridgeTest::TearDown();
+        std::string strOut;
+        if (!m_strDir.empty())
+            KvTestRunExe({"/bin/rm", "-rf", m_strDir}, &strOut);
+    }
+    std::vector<std::string> Credentials(const std::string& strPasswordFile) const
+    {
+        return {"--cafile", m_strDir + "/ca.pem", "--user",
+                "bridge",   "--password-file",    m_strDir + "/" + strPasswordFile};
+    }
+    std::string m_strDir;
+};
+
+TEST_F(KvBridgeTlsTest, CredentialsAndTlsComeFromFilesNeverTheCommandLine)
+{
+    ASSERT_TRUE(m_pA->StartBridge(m_broker, Credentials("pw")));
+    ASSERT_TRUE(m_pB->StartBridge(m_broker, Credentials("pw")));
+    ASSERT_EQ(0, m_pA->Kvrs({KVRS_EXE, "set", "plant.secret", "42", "--notify", "1"}).iStatus);
+    EXPECT_TRUE(KvBridgeEventually([&] { return m_pB->Get("plant.secret") == "42"; }));
+
+    // A wrong password is refused; the bridge keeps trying and keeps running.
+    std::vector<std::string> argv{KVRS_EXE,         "bridge", "--broker",    m_broker.Address(),
+                                  "--retry-max-ms", "200",    "--client-id", "kvtest-wrong"};
+    const std::vector<std::string> vstrCred = Credentials("bad");
+    argv.insert(argv.end(), vstrCred.begin(), vstrCred.end());
+    argv.push_back("plant");
+    KvBridgeProcess pWrong = KvBridgeStart(m_pA->Namespace(), argv);
+    EXPECT_TRUE(pWrong->WaitForText("broker refused the connection", true));
+    pWrong->Signal(SIGTERM);
+    const KvToolResult r = pWrong->Finish(10);
+    EXPECT_EQ(0, r.iStatus) << r.strErr;
+    EXPECT_EQ(std::string::npos, r.strErr.find("s3cret")) << r.strErr;
+}
+
 TEST(KvBridgeUsageTest, BadInputGivesOneLineAndStatusTwo)
 {
     const std::string strNamespace = "t.bridge.usage." + std::to_string(getpid());
