@@ -4,7 +4,8 @@
 #   tools/install-deps.sh test    + GoogleTest, Google Benchmark, Boost headers,
 #                                 the i386 toolchain, clang's libFuzzer, strace
 #   tools/install-deps.sh ci      + what CI alone needs: clang-format, clang-tidy
-# test and ci add mosquitto, its clients and libmosquitto for `kvrs bridge`.
+# test and ci add mosquitto, its clients, libmosquitto and openssl (test
+# certificates) for `kvrs bridge`.
 # Packages already present are left alone, so a set-up machine pays one dpkg
 # query per package. As root it runs apt-get itself, otherwise through sudo
 # when sudo works without a password; failing both it prints the one command
@@ -18,11 +19,11 @@ case "$job" in
   test)
     pkgs+=(pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev libboost-dev
            g++-multilib clang libclang-rt-14-dev strace
-           mosquitto mosquitto-clients libmosquitto-dev) ;;
+           mosquitto mosquitto-clients libmosquitto-dev openssl) ;;
   ci)
     pkgs+=(pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev libboost-dev
            g++-multilib clang libclang-rt-14-dev strace clang-format clang-tidy
-           mosquitto mosquitto-clients libmosquitto-dev) ;;
+           mosquitto mosquitto-clients libmosquitto-dev openssl) ;;
   *) echo "install-deps.sh: unknown job '$job' (demo, test or ci)" >&2; exit 2 ;;
 esac
 
