@@ -120,6 +120,26 @@ TEST_F(KvBridgeTest, ABurstArrivesWholeAndInOrder)
     EXPECT_EQ(300, KvCountOf(strOut, "#0x0001  plant.burst  target 1/1  type 0, 4 bytes \"last\""));
 }
 
+TEST_F(KvBridgeTest, StructuralNotificationsCrossAndGiveParentsNoValue)
+{
+    for (KvBridgeTree* pTree : {m_pA.get(), m_pB.get()})
+        ASSERT_EQ(0, pTree->Kvrs({KVRS_EXE, "set", "plant.l1.t", "1"}).iStatus);
+    StartBridges();
+    auto pListenB = KvBridgeStart(m_pB->Namespace(), {KVRS_EXE, "listen", "--structural"});
+    ASSERT_TRUE(pListenB->WaitForText("listening to", true));
+    ASSERT_EQ(0, m_pA->Kvrs({KVRS_EXE, "notify", "plant", "4", "--recursive"}).iStatus);
+    ASSERT_TRUE(pListenB->WaitForText("type 0, 1 bytes \"1\""));
+    LetScansRun();
+    // One message per node that heard it in A: plant and l1 without a value,
+    // t with its node's value.
+    const std::string strOut = StopAndRead(pListenB);
+    EXPECT_EQ(3, KvCountOf(strOut, "#0x0004  (root)")) << strOut;
+    EXPECT_EQ(2, KvCountOf(strOut, "(no value)")) << strOut;
+    const std::string strTree = m_pB->Kvrs({KVRS_EXE, "tree", "plant"}).strOut;
+    EXPECT_EQ(0u, strTree.find("plant  [0x4 parent]")) << strTree;
+    EXPECT_NE(std::string::npos, strTree.find("\n  l1  [0x4 parent]")) << strTree;
+}
+
 TEST_F(KvBridgeTest, ScansCarryNewNodesAndUnnotifiedValuesWithEscapedNames)
 {
     StartBridges();

@@ -178,8 +178,12 @@ bool KvrsBridgeLocal::Apply(const std::string& strKey, const KvrsValue& value, u
     bool bNew = false;
     Tracked& tracked = Track(strKey, node, bNew);
     tracked.m_bVisited = true;
-    KvRsValueProxy valueNew = KvrsMakeValue(value.m_dwType, value.m_ab);
-    KvRsSetNodeValue(node.GetHandle(), node.GetId(), valueNew.GetHandle(), valueNew.GetId());
+    // Without a value only the notification crosses; the node keeps its value.
+    KvRsValueProxy valueNew;
+    if (value.m_bPresent) {
+        valueNew = KvrsMakeValue(value.m_dwType, value.m_ab);
+        KvRsSetNodeValue(node.GetHandle(), node.GetId(), valueNew.GetHandle(), valueNew.GetId());
+    }
     tracked.m_seen = NodeValue(node);
     m_setOwn.insert({valueNew.GetHandle(), node.GetHandle()});
     KvRsNotifyNodeClients(node.GetHandle(), node.GetId(), dwNumber, valueNew.GetHandle(), valueNew.GetId(), false);

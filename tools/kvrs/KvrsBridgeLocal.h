@@ -42,8 +42,8 @@ public:
     // Takes the messages waiting in the default queue. A notification of
     // another process becomes a change; the bridge's own are dropped.
     void TakeMessages(std::vector<KvrsBridgeChange>& vchange);
-    // Creates the node at strKey when missing, stores the value in it and
-    // notifies its clients with dwNumber. False when the key names no node
+    // Creates the node at strKey when missing, stores the value in it (when
+    // present) and notifies its clients with dwNumber and the value. False when the key names no node
     // that can be made (a reference on the way, a value too large).
     bool Apply(const std::string& strKey, const KvrsValue& value, uint32_t dwNumber);
 

@@ -78,7 +78,9 @@ void KvrsBridgeSync::OnIncoming(const KvrsBridgeIncoming& in)
         return;
     const KvrsBridgeMeta& meta = in.m_meta;
     Synced got;
-    got.m_value.m_bPresent = true;
+    // A bridge sends a notification that had no value at all without a type
+    // (and not retained); a plain client's empty message is an empty value.
+    got.m_value.m_bPresent = !(meta.m_bHasStamp && !meta.m_bHasType && in.m_ab.empty());
     got.m_value.m_dwType = meta.m_bHasType ? meta.m_dwType : 0;
     got.m_value.m_ab = in.m_ab;
     got.m_dwNumber = meta.m_bHasNumber ? meta.m_dwNumber : 1;
@@ -110,7 +112,9 @@ void KvrsBridgeSync::OnIncoming(const KvrsBridgeIncoming& in)
         return;
     }
     ++m_cApplied;
-    m_mapSynced[strKey] = got;
+    Synced& synced = m_mapSynced[strKey];
+    if (got.m_value.m_bPresent || !synced.m_value.m_bPresent)
+        synced = got;  // a bare notification leaves the value, and its stamp, as they were
 }
 
 void KvrsBridgeSync::Republish()
