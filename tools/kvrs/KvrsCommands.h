@@ -26,3 +26,5 @@ void KvrsAddDemoCommands(CLI::App& app);  // demo and its hidden publisher role
 int KvrsRunCommand(const std::vector<std::string>& vstrArgs, const std::string& strWhere = "");
 // `kvrs -`: commands from standard input, one per line, in this process.
 int KvrsRunBatch();
+// bridge, built only where libmosquitto is found
+void KvrsAddBridgeCommand(CLI::App& app);

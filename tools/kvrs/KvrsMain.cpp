@@ -74,6 +74,9 @@ void BuildApp(CLI::App& app, AppState& state)
     KvrsAddCheckCommand(app);
     KvrsAddReapCommand(app);
     KvrsAddDemoCommands(app);
+#ifdef KVRS_HAVE_BRIDGE
+    KvrsAddBridgeCommand(app);
+#endif
     KvrsAddNamespaceOption(&app, &state.m_strNamespace);
     for (CLI::App* sub : app.get_subcommands([](CLI::App*) { return true; }))
         KvrsAddNamespaceOption(sub, &state.m_strNamespace);
