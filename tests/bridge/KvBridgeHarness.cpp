@@ -134,7 +134,7 @@ KvToolResult KvBridgeTree::StopBridge()
 
 std::string KvBridgeTree::Get(const std::string& strPath) const
 {
-    KvToolResult r = Kvrs({KVRS_EXE, "get", strPath});
+    KvToolResult r = Kvrs({KVRS_EXE, "get", "--text", strPath});
     if (r.iStatus != 0)
         return "";
     if (!r.strOut.empty() && r.strOut.back() == '\n')

@@ -61,7 +61,7 @@ protected:
     }
     KvBridgeProcess Listen(KvBridgeTree& tree, const std::string& strPath)
     {
-        auto p = KvBridgeStart(tree.Namespace(), {KVRS_EXE, "listen", strPath});
+        auto p = KvBridgeStart(tree.Namespace(), {KVRS_EXE, "listen", "--no-current", strPath});
         EXPECT_TRUE(p->WaitForText("listening to", true));
         return p;
     }
@@ -125,7 +125,7 @@ TEST_F(KvBridgeTest, StructuralNotificationsCrossAndGiveParentsNoValue)
     for (KvBridgeTree* pTree : {m_pA.get(), m_pB.get()})
         ASSERT_EQ(0, pTree->Kvrs({KVRS_EXE, "set", "plant.l1.t", "1"}).iStatus);
     StartBridges();
-    auto pListenB = KvBridgeStart(m_pB->Namespace(), {KVRS_EXE, "listen", "--structural"});
+    auto pListenB = KvBridgeStart(m_pB->Namespace(), {KVRS_EXE, "listen", "--no-current", "--structural"});
     ASSERT_TRUE(pListenB->WaitForText("listening to", true));
     ASSERT_EQ(0, m_pA->Kvrs({KVRS_EXE, "notify", "plant", "4", "--recursive"}).iStatus);
     ASSERT_TRUE(pListenB->WaitForText("type 0, 1 bytes \"1\""));
@@ -133,7 +133,7 @@ TEST_F(KvBridgeTest, StructuralNotificationsCrossAndGiveParentsNoValue)
     // One message per node that heard it in A: plant and l1 without a value,
     // t with its node's value.
     const std::string strOut = StopAndRead(pListenB);
-    EXPECT_EQ(3, KvCountOf(strOut, "#0x0004  (root)")) << strOut;
+    EXPECT_EQ(3, KvCountOf(strOut, "#0x0004 created  (root)")) << strOut;
     EXPECT_EQ(2, KvCountOf(strOut, "(no value)")) << strOut;
     const std::string strTree = m_pB->Kvrs({KVRS_EXE, "tree", "plant"}).strOut;
     EXPECT_EQ(0u, strTree.find("plant  [0x4 parent]")) << strTree;
