@@ -115,6 +115,12 @@ if [ $short = 0 ]; then
   echo "updated $doc"
 fi
 
+# The bridge through a private mosquitto, where libmosquitto and mosquitto were
+# found at configure time (figures in docs/performance.md, "kvrs bridge").
+if [ -x "$build/bench/bridge/bench_bridge" ]; then
+  "$build/bench/bridge/bench_bridge" "${args[@]}"
+fi
+
 if [ "${KV_BENCH_ALL:-0}" = "1" ]; then
   for prog in "$build"/bench/bench_*; do
     [ -x "$prog" ] && "$prog"

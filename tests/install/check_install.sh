@@ -22,6 +22,31 @@ for f in "$prefix/include/KvRfrSvr.h" "$libdir/libKvRfrSvr.so" "$libdir/pkgconfi
   [ -e "$f" ] || { echo "check_install: missing $f"; exit 1; }
 done
 
+if [ -x "$prefix/bin/kvrs" ]; then
+  echo "== kvrs: manual page and bash completion"
+  man1="$prefix/share/man/man1/kvrs.1"
+  completion="$prefix/share/bash-completion/completions/kvrs"
+  for f in "$man1" "$completion"; do
+    [ -f "$f" ] || { echo "check_install: missing $f"; exit 1; }
+  done
+  # The page renders without warnings and names every command.
+  if command -v groff >/dev/null; then
+    page=$(groff -man -Tutf8 -ww "$man1" 2>&1 >/dev/null)
+    [ -z "$page" ] || { echo "check_install: kvrs.1: $page"; exit 1; }
+  fi
+  for cmd in get set rm ref type listen dump load serve; do
+    grep -qE "^\.B[IR]* \"?$cmd( |\"|\$)" "$man1" || { echo "check_install: kvrs.1 does not describe $cmd"; exit 1; }
+  done
+  # The completion offers the commands and, for a command, its options.
+  words=$(PATH="$prefix/bin:$PATH" bash -c '
+    source "$1"
+    COMP_WORDS=(kvrs se); COMP_CWORD=1; _kvrs; echo "${COMPREPLY[*]}"
+    COMP_WORDS=(kvrs set a --ke); COMP_CWORD=3; _kvrs; echo "${COMPREPLY[*]}"' _ "$completion")
+  [ "$words" = "$(printf 'set serve\n--keep-newline')" ] ||
+    { echo "check_install: bash completion offered: $words"; exit 1; }
+  "$prefix/bin/kvrs" --version | grep -q '^kvrs ' || { echo "check_install: kvrs --version"; exit 1; }
+fi
+
 echo "== find_package"
 cmake -S "$root/tests/install/consumer" -B "$tmp/cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$tmp/cmake" >/dev/null

@@ -17,7 +17,7 @@ for _ in $(seq 100); do grep -q 'serving namespace' "$out" && break; sleep 0.1; 
 "$@"
 status=$?
 
-value=$("$kvrs" get guard.plant.t 2>&1)
+value=$("$kvrs" get guard.plant.t --text 2>&1)
 "$kvrs" check >/dev/null 2>&1
 check=$?
 kill -TERM $serve

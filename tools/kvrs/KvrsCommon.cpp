@@ -61,15 +61,61 @@ uint32_t KvrsParseNumber(const std::string& str, const char* pszWhat)
 {
     const char* psz = str.c_str();
     if (str.empty() || str[0] == '-' || str[0] == '+' || isspace(static_cast<unsigned char>(str[0])))
-        KvrsUsageError(std::string("bad number '") + str + "' for " + pszWhat);
+        KvrsUsageError(std::string("bad number '") + KvrsShown(str) + "' for " + pszWhat);
     errno = 0;
     char* pszEnd = nullptr;
     const unsigned long long ull = strtoull(psz, &pszEnd, 0);
     if (errno != 0 || *pszEnd != '\0')
-        KvrsUsageError(std::string("bad number '") + str + "' for " + pszWhat);
+        KvrsUsageError(std::string("bad number '") + KvrsShown(str) + "' for " + pszWhat);
     if (ull > 0xFFFFFFFFull)
         KvrsUsageError(std::string("number '") + str + "' for " + pszWhat + " does not fit in 32 bits");
     return static_cast<uint32_t>(ull);
+}
+
+std::string KvrsShown(const std::string& str)
+{
+    std::string strOut = str.size() > 32 ? str.substr(0, 32) + "..." : str;
+    for (char& ch : strOut)
+        if (static_cast<unsigned char>(ch) < 0x20 || ch == 0x7F)
+            ch = '?';
+    return strOut;
+}
+
+const char* KvrsMsgEventName(uint32_t dwNumber)
+{
+    switch (dwNumber & KVRS_NOTIFY_MSG_MASK) {
+    case KVRS_MSG_CREATED: return "created";
+    case KVRS_MSG_REMOVED: return "removed";
+    case KVRS_MSG_CHANGED: return "changed";
+    default: return "";
+    }
+}
+
+long KvrsParseCount(const std::string& str, const char* pszWhat, long lMin, long lMax)
+{
+    const std::string strRange = std::to_string(lMin) + " to " + std::to_string(lMax);
+    // Echo at most a short piece of the input: the message stays one short line.
+    const std::string strShown = KvrsShown(str);
+    const bool bDigits = !str.empty() && str.size() <= 18 &&
+                         str.find_first_not_of("0123456789", str[0] == '-' ? 1 : 0) == std::string::npos && str != "-";
+    if (!bDigits)
+        KvrsUsageError(std::string("bad ") + pszWhat + " '" + strShown + "': expected a whole number from " + strRange);
+    const long long ll = strtoll(str.c_str(), nullptr, 10);
+    if (ll < lMin || ll > lMax)
+        KvrsUsageError(std::string("bad ") + pszWhat + " '" + strShown + "': expected a whole number from " + strRange);
+    return static_cast<long>(ll);
+}
+
+double KvrsParseSeconds(const std::string& str, const char* pszWhat, double dMax)
+{
+    const std::string strShown = KvrsShown(str);
+    char* pszEnd = nullptr;
+    errno = 0;
+    const double d = str.empty() || !isdigit(static_cast<unsigned char>(str[0])) ? -1.0 : strtod(str.c_str(), &pszEnd);
+    if (d < 0 || errno != 0 || pszEnd == nullptr || *pszEnd != '\0' || !(d <= dMax))
+        KvrsUsageError(std::string("bad ") + pszWhat + " '" + strShown + "': expected seconds from 0 to " +
+                       std::to_string(static_cast<long>(dMax)));
+    return d;
 }
 
 std::vector<unsigned char> KvrsParseHex(const std::string& str)
@@ -77,13 +123,14 @@ std::vector<unsigned char> KvrsParseHex(const std::string& str)
     std::vector<unsigned char> ab;
     int iHigh = -1;
     for (char ch : str) {
-        if (ch == ' ' || ch == ':') {
+        if (isspace(static_cast<unsigned char>(ch)) || ch == ':') {
             if (iHigh >= 0)
-                KvrsUsageError("bad hex '" + str + "': odd number of digits in a byte");
+                KvrsUsageError("bad hex '" + KvrsShown(str) + "': odd number of digits in a byte");
             continue;
         }
         if (!isxdigit(static_cast<unsigned char>(ch)))
-            KvrsUsageError("bad hex '" + str + "': '" + std::string(1, ch) + "' is not a hex digit");
+            KvrsUsageError("bad hex '" + KvrsShown(str) + "': '" + KvrsShown(std::string(1, ch)) +
+                           "' is not a hex digit");
         const int iDigit = isdigit(static_cast<unsigned char>(ch)) ? ch - '0' : (tolower(ch) - 'a' + 10);
         if (iHigh < 0) {
             iHigh = iDigit;
@@ -93,7 +140,7 @@ std::vector<unsigned char> KvrsParseHex(const std::string& str)
         }
     }
     if (iHigh >= 0)
-        KvrsUsageError("bad hex '" + str + "': odd number of digits");
+        KvrsUsageError("bad hex '" + KvrsShown(str) + "': odd number of digits");
     return ab;
 }
 
@@ -114,7 +161,7 @@ void KvrsCheckPath(const std::string& strPath, bool fRootOk)
         const size_t iDot = strPath.find('.', iStart);
         const size_t iEnd = iDot == std::string::npos ? strPath.size() : iDot;
         if (iEnd == iStart)
-            KvrsUsageError("bad path '" + strPath + "': empty name");
+            KvrsUsageError("bad path '" + KvrsShown(strPath) + "': empty name");
         if (iDot == std::string::npos)
             break;
         iStart = iDot + 1;
@@ -283,7 +330,13 @@ std::string KvrsValueText(const KvrsValue& v, size_t cchMax)
                 --cch;
             strText = strText.substr(0, cch) + "...";
         }
-        return str + " \"" + strText + "\"";
+        std::string strQuoted;
+        for (char ch : strText) {
+            if (ch == '"' || ch == '\\')
+                strQuoted += '\\';
+            strQuoted += ch;
+        }
+        return str + " \"" + strQuoted + "\"";
     }
     return str + " " + KvrsHexText(v.m_ab, cchMax / 2);
 }
@@ -340,6 +393,11 @@ void KvrsInstallStopHandlers()
 bool KvrsStopRequested()
 {
     return s_fStop != 0;
+}
+
+void KvrsClearStopRequest()
+{
+    s_fStop = 0;
 }
 
 int64_t KvrsNowMicros()

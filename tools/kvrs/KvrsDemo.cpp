@@ -173,7 +173,7 @@ int Demo::Run()
         {"line1", {"plant.line1.temp", "plant.line1.pressure"}},
         {"flow", {"plant.line2.flow"}}};
     for (const auto& l : vListeners) {
-        std::vector<std::string> vstrArgs{"listen", "--echo", "--summary"};
+        std::vector<std::string> vstrArgs{"listen", "--echo", "--summary", "--no-current"};
         vstrArgs.insert(vstrArgs.end(), l.second.begin(), l.second.end());
         m_vpListeners.push_back(&Start(l.first, vstrArgs));
     }
@@ -197,17 +197,20 @@ int Demo::Run()
 
 void KvrsAddDemoCommands(CLI::App& app)
 {
-    auto pdSeconds = std::make_shared<double>(3.0);
+    auto pstrSeconds = std::make_shared<std::string>("3");
     CLI::App* sub = app.add_subcommand("demo", "Run a server, listeners and a publisher in a namespace of their own");
-    sub->add_option("--seconds", *pdSeconds, "How long the publisher publishes")->check(CLI::Range(0.1, 30.0));
-    sub->callback([pdSeconds] {
-        const int iStatus = Demo(*pdSeconds).Run();
+    sub->add_option("--seconds", *pstrSeconds, "How long the publisher publishes (at most 30)")->type_name("S");
+    sub->callback([pstrSeconds] {
+        const double dSeconds = KvrsParseSeconds(*pstrSeconds, "--seconds", 30.0);
+        if (dSeconds < 0.1)
+            KvrsUsageError("bad --seconds '" + KvrsShown(*pstrSeconds) + "': at least 0.1");
+        const int iStatus = Demo(dSeconds).Run();
         if (iStatus != KVRS_EXIT_OK)
             throw KvrsError(iStatus, "the demo did not run cleanly (see above)");
     });
 
-    auto pdPublish = std::make_shared<double>(3.0);
+    auto pstrPublish = std::make_shared<std::string>("3");
     CLI::App* pub = app.add_subcommand("demo-publisher", "The demo's publisher role")->group("");
-    pub->add_option("--seconds", *pdPublish, "How long to publish")->check(CLI::Range(0.0, 60.0));
-    pub->callback([pdPublish] { KvrsRunDemoPublisher(*pdPublish); });
+    pub->add_option("--seconds", *pstrPublish, "How long to publish")->type_name("S");
+    pub->callback([pstrPublish] { KvrsRunDemoPublisher(KvrsParseSeconds(*pstrPublish, "--seconds", 60.0)); });
 }

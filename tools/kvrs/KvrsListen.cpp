@@ -1,5 +1,7 @@
-// KvrsListen.cpp - `kvrs notify`, `listen` and `serve`: sending notifications,
-// receiving them as a client, and keeping a tree alive.
+// KvrsListen.cpp - `kvrs listen`: a client of nodes that prints what it hears.
+// It prints the present value of each node first (like a retained message),
+// then every message; patterns and --subtree follow nodes created later, for
+// which it also listens to all structural changes.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -9,154 +11,196 @@
 
 #include "KvCppMfc/Platform/KvPlatform.h"
 #include "KvRfrSvrWait.h"
+#include "KvrsAnnounce.h"
 #include "KvrsCommands.h"
 #include "KvrsCommon.h"
+#include "KvrsFollow.h"
+#include "KvrsListenFormat.h"
 
 namespace {
-
-// --- notify ------------------------------------------------------------------
-
-struct NotifyOptions {
-    std::string m_strPath;
-    std::string m_strNumber;
-    std::string m_strValue;
-    bool m_bValue = false;
-    bool m_bServer = false;
-    bool m_bRecursive = false;
-    bool m_bFront = false;
-    long m_cRepeat = 1;  // --repeat: notifications sent, as a load for measuring
-};
-
-void RunNotify(const NotifyOptions& opt)
-{
-    KvrsCheckPath(opt.m_strPath, true);
-    uint32_t dwNumber = KvrsParseNumber(opt.m_strNumber, "NUMBER");
-    if (opt.m_bFront)
-        dwNumber |= KVRS_NOTIFY_FRONT;
-    if (opt.m_bServer && opt.m_bRecursive)
-        KvrsUsageError("--recursive applies to clients only, not with --server");
-    const std::vector<unsigned char> ab(opt.m_strValue.begin(), opt.m_strValue.end());
-    KvrsCheckValueSize(ab.size());
-    KvRsNodeProxy node = KvrsFindNode(opt.m_strPath);
-    KvRsValueProxy value;
-    if (opt.m_bValue)
-        value = KvrsMakeValue(0, ab);
-    for (long i = 0; i < opt.m_cRepeat && !KvrsStopRequested(); ++i) {
-        if (opt.m_bServer)
-            KvRsNotifyNodeServer(node.GetHandle(), node.GetId(), dwNumber, value.GetHandle(), value.GetId());
-        else
-            KvRsNotifyNodeClients(node.GetHandle(), node.GetId(), dwNumber, value.GetHandle(), value.GetId(),
-                                  opt.m_bRecursive);
-    }
-}
-
-// --- listen ------------------------------------------------------------------
 
 struct ListenOptions {
     std::vector<std::string> m_vstrPaths;
     bool m_bStructural = false;
-    long m_cMax = -1;          // --count; -1: no limit
-    double m_dTimeout = -1.0;  // --timeout in seconds; negative: none
+    bool m_bSubtree = false;
+    bool m_bNoCurrent = false;
+    std::string m_strCount;    // --count; empty: no limit
+    std::string m_strTimeout;  // --timeout in seconds; empty: none
     bool m_bJson = false;
+    std::string m_strFormat;
     bool m_bEcho = false;     // answer each message to the node's server (round trips)
     bool m_bSummary = false;  // print a machine-read SUMMARY line at the end
 };
 
-// One subscription: its node and the target that its messages carry. The target
-// handle is the subscription's number (1, 2, ...), so that two subscriptions of
-// this process never count as the same client.
-struct Subscription {
-    KvRsNodeProxy m_node;
-    std::string m_strPath;
-    void* m_hTarget;
+// The running listener: its connections, output and counts.
+class Listener {
+public:
+    Listener(const ListenOptions& opt, const KvrsListenFormat& format)
+        : m_opt(opt), m_format(format), m_follow(opt.m_vstrPaths, opt.m_bSubtree)
+    {
+    }
+    void Connect();
+    void Disconnect();
+    // Prints one message, and what following it brought.
+    void OnMessage(const KvRsMsgProxy& msg);
+    long Printed() const { return m_cPrinted; }
+    long Echoed() const { return m_cEchoed; }
+    long Received() const { return m_cReceived; }
+    std::string Describe() const;
+
+private:
+    void Print(const KvrsEvent& ev);
+    KvrsEvent EventOf(const KvRsMsgProxy& msg, KvRsNodeProxy* pNode) const;
+    KvrsEvent FollowedEvent(const KvRsNodeProxy& node, uint32_t dwNumber) const;
+    bool StructuralWanted() const { return m_opt.m_bStructural || m_follow.FollowsCreation(); }
+
+    const ListenOptions& m_opt;
+    const KvrsListenFormat& m_format;
+    KvrsFollow m_follow;
+    uintptr_t m_uStructural = 0;  // the structural connection's target, 0 without
+    std::vector<KvRsNodeProxy> m_vCurrent;
+    long m_cPrinted = 0, m_cEchoed = 0, m_cReceived = 0;
 };
 
-void* TargetOf(size_t i)
+void Listener::Connect()
 {
-    return reinterpret_cast<void*>(static_cast<uintptr_t>(i + 1));
-}
-
-std::vector<Subscription> Connect(const ListenOptions& opt)
-{
-    std::vector<Subscription> vsub;
-    for (const std::string& strPath : opt.m_vstrPaths)
-        KvrsCheckPath(strPath, true);
-    for (const std::string& strPath : opt.m_vstrPaths)
-        vsub.push_back({KvrsFindNode(strPath), strPath, TargetOf(vsub.size())});
-    for (const Subscription& s : vsub)
-        KvRsConnectClient(s.m_node.GetHandle(), s.m_node.GetId(), s.m_hTarget,
-                          reinterpret_cast<uintptr_t>(s.m_hTarget));
-    if (opt.m_bStructural)
-        KvRsConnectForAllStructuralChanges(TargetOf(vsub.size()), static_cast<unsigned long>(vsub.size() + 1));
-    return vsub;
-}
-
-void Disconnect(const std::vector<Subscription>& vsub, const ListenOptions& opt)
-{
-    for (const Subscription& s : vsub)
-        KvRsDisconnectClient(s.m_node.GetHandle(), s.m_node.GetId(), s.m_hTarget,
-                             reinterpret_cast<uintptr_t>(s.m_hTarget));
-    if (opt.m_bStructural)
-        KvRsDisconnectForAllStructuralChanges(TargetOf(vsub.size()), static_cast<unsigned long>(vsub.size() + 1));
-}
-
-void PrintMessage(const KvRsMsgProxy& msg, const ListenOptions& opt)
-{
-    const uint32_t dwNumber = static_cast<uint32_t>(KvRsGetMsgType(msg.GetHandle(), msg.GetId()));
-    void* hTarget = nullptr;
-    unsigned long idTarget = 0;
-    KvRsGetMsgTarget(msg.GetHandle(), msg.GetId(), hTarget, idTarget);
-    KvRsNodeProxy node = KvRsGetMsgChangedNode(msg.GetHandle(), msg.GetId());
-    const std::string strPath = node.IsNull() ? std::string() : KvrsNodePath(node);
-    const KvrsValue v = KvrsReadValue(KvRsGetMsgValue(msg.GetHandle(), msg.GetId()));
-    const uintptr_t uTarget = reinterpret_cast<uintptr_t>(hTarget);
-    if (opt.m_bJson) {
-        printf("{\"time\":\"%s\",\"number\":%u,\"path\":%s,\"target\":{\"handle\":%lu,\"id\":%lu},\"value\":%s}\n",
-               KvrsClockText().c_str(), dwNumber, node.IsNull() ? "null" : KvrsJsonString(strPath).c_str(),
-               static_cast<unsigned long>(uTarget), idTarget, KvrsValueJson(v).c_str());
-    } else {
-        printf("%s  #0x%04x  %s  target %lu/%lu  %s\n", KvrsClockText().c_str(), dwNumber,
-               node.IsNull()     ? "(no node)"
-               : strPath.empty() ? "(root)"
-                                 : strPath.c_str(),
-               static_cast<unsigned long>(uTarget), idTarget, KvrsValueText(v, 64).c_str());
+    // Under the mutex: no node is created between the walk and the structural
+    // connection, so none is missed, and the present values are of one moment.
+    KvrsMutexHold hold;
+    const std::vector<KvRsNodeProxy> vNodes = m_follow.ConnectExisting();
+    if (StructuralWanted()) {
+        m_uStructural = m_follow.NextTarget();
+        KvRsConnectForAllStructuralChanges(reinterpret_cast<void*>(m_uStructural),
+                                           static_cast<unsigned long>(m_uStructural));
     }
-    fflush(stdout);
+    if (m_opt.m_bNoCurrent)
+        return;
+    for (const KvRsNodeProxy& node : vNodes) {
+        if (!(KvrsNodeType(node) & KVRS_TYPE_VALUE))
+            continue;
+        KvrsEvent ev;
+        ev.m_bCurrent = true;
+        ev.m_bNode = true;
+        ev.m_strPath = KvrsNodePath(node);
+        ev.m_uTarget = m_follow.TargetOf(node);
+        ev.m_idTarget = static_cast<unsigned long>(ev.m_uTarget);
+        ev.m_value = KvrsReadValue(KvRsGetNodeValue(node.GetHandle(), node.GetId()));
+        Print(ev);
+    }
 }
 
-// Answers a message to the server of the node it was about, with the same number
-// and the very same value object: the sender measures the round trip.
-void Echo(const KvRsMsgProxy& msg)
+void Listener::Disconnect()
 {
-    KvRsNodeProxy node = KvRsGetMsgChangedNode(msg.GetHandle(), msg.GetId());
-    KvRsValueProxy value = KvRsGetMsgValue(msg.GetHandle(), msg.GetId());
-    if (!node.IsNull())
-        KvRsNotifyNodeServer(node.GetHandle(), node.GetId(), KvRsGetMsgType(msg.GetHandle(), msg.GetId()),
-                             value.GetHandle(), value.GetId());
+    m_follow.DisconnectAll();
+    if (m_uStructural != 0)
+        KvRsDisconnectForAllStructuralChanges(reinterpret_cast<void*>(m_uStructural),
+                                              static_cast<unsigned long>(m_uStructural));
+}
+
+std::string Listener::Describe() const
+{
+    std::string str = m_follow.Describe();
+    if (m_opt.m_bStructural)
+        str +=
+            (str.empty() ? "" : ", ") + std::string("all structural changes (created 0x4, removed 0x8, changed 0xc)");
+    return str;
+}
+
+void Listener::Print(const KvrsEvent& ev)
+{
+    const std::string str = m_format.Line(ev);
+    fwrite(str.data(), 1, str.size(), stdout);
+    fflush(stdout);
+    ++m_cPrinted;
+}
+
+KvrsEvent Listener::EventOf(const KvRsMsgProxy& msg, KvRsNodeProxy* pNode) const
+{
+    KvrsEvent ev;
+    ev.m_dwNumber = static_cast<uint32_t>(KvRsGetMsgType(msg.GetHandle(), msg.GetId()));
+    void* hTarget = nullptr;
+    KvRsGetMsgTarget(msg.GetHandle(), msg.GetId(), hTarget, ev.m_idTarget);
+    ev.m_uTarget = reinterpret_cast<uintptr_t>(hTarget);
+    *pNode = KvRsGetMsgChangedNode(msg.GetHandle(), msg.GetId());
+    ev.m_bNode = !pNode->IsNull();
+    if (ev.m_bNode)
+        ev.m_strPath = KvrsNodePath(*pNode);
+    ev.m_value = KvrsReadValue(KvRsGetMsgValue(msg.GetHandle(), msg.GetId()));
+    return ev;
+}
+
+// The event of a node that a pattern follows from now on.
+KvrsEvent Listener::FollowedEvent(const KvRsNodeProxy& node, uint32_t dwNumber) const
+{
+    KvrsEvent ev;
+    ev.m_dwNumber = dwNumber;
+    ev.m_bNode = true;
+    ev.m_strPath = KvrsNodePath(node);
+    ev.m_uTarget = m_follow.TargetOf(node);
+    ev.m_idTarget = static_cast<unsigned long>(ev.m_uTarget);
+    ev.m_value = KvrsReadValue(KvRsGetNodeValue(node.GetHandle(), node.GetId()));
+    return ev;
+}
+
+void Listener::OnMessage(const KvRsMsgProxy& msg)
+{
+    ++m_cReceived;
+    KvRsNodeProxy node;
+    KvrsEvent ev = EventOf(msg, &node);
+    // kvrs names the node of a structural change in the value's bytes.
+    if (ev.m_value.m_bPresent && ev.m_value.m_dwType == KVRS_VALUE_TYPE_PATH) {
+        ev.m_strPath.assign(ev.m_value.m_ab.begin(), ev.m_value.m_ab.end());
+        ev.m_bNode = true;
+        ev.m_value = KvrsValue();
+    }
+    const bool bViaStructural = m_uStructural != 0 && ev.m_uTarget == m_uStructural;
+    if (!bViaStructural && ev.m_bNode && ev.m_dwNumber == KVRS_MSG_REMOVED)
+        m_follow.OnRemoved(node);
+    if (!bViaStructural || m_opt.m_bStructural)
+        Print(ev);
+    if (bViaStructural && (ev.m_dwNumber & KVRS_NOTIFY_STRUCTURAL_MASK) != 0) {
+        for (const KvRsNodeProxy& nodeNew : m_follow.ConnectNew())
+            Print(FollowedEvent(nodeNew, ev.m_dwNumber == KVRS_MSG_CHANGED ? KVRS_MSG_CHANGED : KVRS_MSG_CREATED));
+    }
+    if (m_opt.m_bEcho && !bViaStructural && !node.IsNull()) {
+        // Answer with the same number and the very same value object: the
+        // sender measures the round trip.
+        KvRsValueProxy value = KvRsGetMsgValue(msg.GetHandle(), msg.GetId());
+        KvRsNotifyNodeServer(node.GetHandle(), node.GetId(), ev.m_dwNumber, value.GetHandle(), value.GetId());
+        ++m_cEchoed;
+    }
 }
 
 // Longest single sleep of an idle listener: five wake-ups a second.
 constexpr long kcmsSlice = 200;
 
+KvrsListenStyle StyleOf(const ListenOptions& opt)
+{
+    if (opt.m_bJson)
+        return KvrsListenStyle::Json;
+    return opt.m_strFormat.empty() ? KvrsListenStyle::Text : KvrsListenStyle::Format;
+}
+
 void RunListen(const ListenOptions& opt)
 {
     if (opt.m_vstrPaths.empty() && !opt.m_bStructural)
         KvrsUsageError("listen needs a PATH or --structural");
+    const long cMax = opt.m_strCount.empty() ? -1 : KvrsParseCount(opt.m_strCount, "--count", 0, 2000000000L);
+    const double dTimeout = opt.m_strTimeout.empty() ? -1.0 : KvrsParseSeconds(opt.m_strTimeout, "--timeout", 1e8);
+    const KvrsListenFormat format(StyleOf(opt), opt.m_strFormat);
     KvrsInstallStopHandlers();
-    const std::vector<Subscription> vsub = Connect(opt);
-    std::string strWhat;
-    for (const Subscription& s : vsub)
-        strWhat += (strWhat.empty() ? "" : ", ") + (s.m_strPath.empty() ? std::string("(root)") : s.m_strPath);
-    if (opt.m_bStructural)
-        strWhat += (strWhat.empty() ? "" : ", ") + std::string("all structural changes");
-    fprintf(stderr, "listening to %s (pid %u)\n", strWhat.c_str(), KvGetCurrentProcessId());
+    Listener listener(opt, format);
+    listener.Connect();
+    fprintf(stderr, "listening to %s (pid %u)\n", listener.Describe().c_str(), KvGetCurrentProcessId());
 
-    const int64_t tEnd = opt.m_dTimeout >= 0 ? KvrsNowMicros() + static_cast<int64_t>(opt.m_dTimeout * 1e6) : -1;
-    long cReceived = 0, cEchoed = 0;
-    while (!KvrsStopRequested() && (opt.m_cMax < 0 || cReceived < opt.m_cMax)) {
+    const int64_t tEnd = dTimeout >= 0 ? KvrsNowMicros() + static_cast<int64_t>(dTimeout * 1e6) : -1;
+    bool bTimedOut = false;
+    while (!KvrsStopRequested() && (cMax < 0 || listener.Printed() < cMax)) {
         const int64_t tNow = KvrsNowMicros();
-        if (tEnd >= 0 && tNow >= tEnd)
+        if (tEnd >= 0 && tNow >= tEnd) {
+            bTimedOut = true;
             break;
+        }
         KvRsMsgProxy msg = KvRsGetMsg();
         if (msg.IsNull()) {
             // Sleeps until a message comes or the time is up. A stop signal
@@ -167,82 +211,36 @@ void RunListen(const ListenOptions& opt)
             KvRsWaitMsg(nullptr, 0, std::min(cmsLeft, kcmsSlice));
             continue;
         }
-        ++cReceived;
-        PrintMessage(msg, opt);
-        if (opt.m_bEcho) {
-            Echo(msg);
-            ++cEchoed;
-        }
+        listener.OnMessage(msg);
     }
-    Disconnect(vsub, opt);
+    listener.Disconnect();
     if (opt.m_bSummary)
-        printf("SUMMARY sent=%ld received=%ld\n", cEchoed, cReceived);
-}
-
-// --- serve -------------------------------------------------------------------
-
-// Keeps the tree, and reaps ended processes every reap interval (0: never), so
-// that a killed client's queue never fills the segment while nobody starts.
-void RunServe(long cmsReap)
-{
-    KvrsInstallStopHandlers();
-    printf("serving namespace %s pid %u\n", KvNamespace().c_str(), KvGetCurrentProcessId());
-    fflush(stdout);
-    const int64_t cusSleep = cmsReap > 0 ? cmsReap * 1000 : 1000000;
-    while (!KvrsStopRequested()) {
-        KvrsSleepMicros(cusSleep);  // a stop signal cuts the sleep short
-        if (cmsReap > 0 && !KvrsStopRequested())
-            KvrsReapNow(true);
-    }
-}
-
-void AddNotify(CLI::App& app)
-{
-    auto opt = std::make_shared<NotifyOptions>();
-    CLI::App* sub = app.add_subcommand("notify", "Send a notification to a node's clients (or its server)");
-    sub->add_option("PATH", opt->m_strPath, "Dotted path of the node")->required();
-    sub->add_option("NUMBER", opt->m_strNumber,
-                    "Notification number: low 16 bits the message number; 0x2 passes through references; "
-                    "0x2/0x4/0x8 also reach structural listeners")
-        ->required();
-    sub->add_option("--value", opt->m_strValue, "Text sent with the message (type 0)")->each([opt](const std::string&) {
-        opt->m_bValue = true;
-    });
-    sub->add_flag("--server", opt->m_bServer, "Notify the node's server instead of its clients");
-    sub->add_flag("--recursive", opt->m_bRecursive, "Also notify the clients of every descendant");
-    sub->add_flag("--front", opt->m_bFront, "Put the messages at the front of the queues (bit 0x10000)");
-    sub->add_option("--repeat", opt->m_cRepeat, "Send the notification N times (a load for measuring)")
-        ->check(CLI::Range(1L, 1000000000L));
-    sub->callback([opt] {
-        KvrsInstallStopHandlers();
-        RunNotify(*opt);
-    });
-}
-
-void AddListen(CLI::App& app)
-{
-    auto opt = std::make_shared<ListenOptions>();
-    CLI::App* sub = app.add_subcommand("listen", "Connect as a client and print every message received");
-    sub->add_option("PATH", opt->m_vstrPaths, "Dotted paths of the nodes (\"\" is the root)");
-    sub->add_flag("--structural", opt->m_bStructural, "Also receive all structural changes (0x2/0x4/0x8)");
-    sub->add_option("--count", opt->m_cMax, "Stop after N messages")->check(CLI::NonNegativeNumber);
-    sub->add_option("--timeout", opt->m_dTimeout, "Stop after S seconds")->check(CLI::NonNegativeNumber);
-    sub->add_flag("--json", opt->m_bJson, "One JSON object per message");
-    sub->add_flag("--echo", opt->m_bEcho, "Answer each message to the node's server")->group("");
-    sub->add_flag("--summary", opt->m_bSummary, "Print a SUMMARY line at the end")->group("");
-    sub->callback([opt] { RunListen(*opt); });
+        printf("SUMMARY sent=%ld received=%ld\n", listener.Echoed(), listener.Received());
+    if (bTimedOut && cMax >= 0 && listener.Printed() < cMax)
+        throw KvrsError(KVRS_EXIT_TIMEOUT, "timed out after " + opt.m_strTimeout + " s with " +
+                                               std::to_string(listener.Printed()) + " of " + std::to_string(cMax) +
+                                               " messages");
 }
 
 }  // namespace
 
-void KvrsAddNotifyCommands(CLI::App& app)
+void KvrsAddListenCommand(CLI::App& app)
 {
-    AddNotify(app);
-    AddListen(app);
-    CLI::App* sub = app.add_subcommand("serve", "Keep the tree alive until SIGINT or SIGTERM");
-    auto cmsReap = std::make_shared<long>(1000);
-    sub->add_option("--reap-ms", *cmsReap, "Reap killed processes every N ms (0: never)")
-        ->capture_default_str()
-        ->check(CLI::Range(0L, 86400000L));
-    sub->callback([cmsReap] { RunServe(*cmsReap); });
+    auto opt = std::make_shared<ListenOptions>();
+    CLI::App* sub = app.add_subcommand("listen", "Print the values of nodes, then every message they receive");
+    sub->add_option("PATH", opt->m_vstrPaths,
+                    "Dotted paths or patterns: \"*\" one name, \"#\" any number (plant.*.temp, plant.#)");
+    sub->add_flag("--subtree", opt->m_bSubtree, "Each PATH with every node below it, also nodes created later");
+    sub->add_flag("--structural", opt->m_bStructural, "Also print all structural changes (0x2/0x4/0x8)");
+    sub->add_flag("--no-current", opt->m_bNoCurrent, "Do not print the present values first");
+    sub->add_option("--count", opt->m_strCount, "Stop after N lines (present values included)")->type_name("N");
+    sub->add_option("--timeout", opt->m_strTimeout,
+                    "Stop after S seconds; with --count, fewer lines by then exit with status 3")
+        ->type_name("S");
+    auto* pJson = sub->add_flag("--json", opt->m_bJson, "One JSON object per line (time, epoch, event, path, value)");
+    auto* pFormat = sub->add_option("-F,--format", opt->m_strFormat, kpszKvrsFormatHelp)->type_name("FMT");
+    pJson->excludes(pFormat);
+    sub->add_flag("--echo", opt->m_bEcho, "Answer each message to the node's server")->group("");
+    sub->add_flag("--summary", opt->m_bSummary, "Print a SUMMARY line at the end")->group("");
+    sub->callback([opt] { RunListen(*opt); });
 }

@@ -131,8 +131,12 @@ void KvrsAddTreeCommand(CLI::App& app)
     auto opt = std::make_shared<TreeOptions>();
     CLI::App* sub = app.add_subcommand("tree", "Print a subtree: names, types, values, references, connections");
     sub->add_option("PATH", opt->m_strPath, "Dotted path of the subtree's top (default: the whole tree)");
-    sub->add_option("--depth", opt->m_iDepth, "Levels below PATH to show (0: PATH alone)")
-        ->check(CLI::NonNegativeNumber);
+    auto pstrDepth = std::make_shared<std::string>();
+    sub->add_option("--depth", *pstrDepth, "Levels below PATH to show (0: PATH alone)")->type_name("N");
     sub->add_flag("--json", opt->m_bJson, "One JSON object with nested children");
-    sub->callback([opt] { RunTree(*opt); });
+    sub->callback([opt, pstrDepth] {
+        if (!pstrDepth->empty())
+            opt->m_iDepth = static_cast<int>(KvrsParseCount(*pstrDepth, "--depth", 0, 100000));
+        RunTree(*opt);
+    });
 }
