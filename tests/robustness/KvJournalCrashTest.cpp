@@ -135,6 +135,7 @@ int DieAtEveryWrite(const std::function<void()>& prepare, const std::function<vo
 {
     int cForward = 0;
     for (uint32_t k = 1; k < 5000; ++k) {
+        const uint32_t cUndoneBefore = KvTreeJournalRolledBack() + KvPoolJournal().RolledBackCount();
         const pid_t pid = fork();
         if (pid == 0) {
             HoldRoot();
@@ -165,6 +166,8 @@ int DieAtEveryWrite(const std::function<void()>& prepare, const std::function<vo
             }
         }
         const ::testing::AssertionResult rCheck = KvSegmentConsistent();
+        // Counted for kvrs stats: a call, a pool operation or both.
+        EXPECT_LT(cUndoneBefore, fDied ? KvTreeJournalRolledBack() + KvPoolJournal().RolledBackCount() : ~0u);
         if (!rCheck) {
             ADD_FAILURE() << "after a death at write " << k << ":" << rCheck.message();
             return -1;

@@ -12,6 +12,7 @@
 #include "KvCppMfc/Pool/KvGranularity.h"
 #include "KvCppMfc/Pool/KvJournal.h"
 #include "KvCppMfc/Pool/KvMemoryWatcher.h"
+#include "KvCppMfc/Pool/KvTreeJournal.h"
 #include "KvRfrSvr/Export/KvRsReaper.h"
 #include "KvRfrSvr/Internal/CRsCheck.h"
 #include "KvrsCommands.h"
@@ -32,6 +33,7 @@ struct SegmentUse {
     uint32_t m_cbCarved = 0;     // bytes carved into blocks after the header zone
     int32_t m_cAttachments = 0;
     uint32_t m_cPoolRollBacks = 0;  // pool operations undone after their process ended inside them
+    uint32_t m_cCallRollBacks = 0;  // calls undone (or finished) after their process ended inside them
     std::vector<PoolUse> m_vPools;
     // Queues that connections still lead to although their process has ended
     // (killed, so it never detached), and how many broken invariants the walk met.
@@ -80,6 +82,7 @@ SegmentUse ReadSegmentUse()
         use.m_vPools.push_back(p);
     }
     use.m_cPoolRollBacks = KvPoolJournal().RolledBackCount();
+    use.m_cCallRollBacks = KvTreeJournalRolledBack();
     KvGranularity::_UnlockPools();
     KvCheckReport report;
     auto pCensus = std::make_unique<CRsCheckCensus>();
@@ -96,7 +99,10 @@ void PrintText(const SegmentUse& use)
     printf("segment      %u bytes, committed %u, carved into blocks %u\n", use.m_cbSize, use.m_cbCommitted,
            use.m_cbCarved);
     printf("attachments  %d\n", use.m_cAttachments);
-    printf("rolled back  %u pool operations that ended processes left unfinished\n", use.m_cPoolRollBacks);
+    // Calls and pool operations that processes ended inside, undone (or, in
+    // their last frees, finished) by the next process to take the mutex.
+    printf("calls rolled back: %u\n", use.m_cCallRollBacks);
+    printf("pool operations rolled back: %u\n", use.m_cPoolRollBacks);
     printf("\n%12s %12s %12s\n", "block size", "in use", "free");
     for (const PoolUse& p : use.m_vPools)
         if (p.m_cInUse != 0 || p.m_cFree != 0)
@@ -117,9 +123,9 @@ void PrintText(const SegmentUse& use)
 void PrintJson(const SegmentUse& use)
 {
     printf("{\"namespace\":%s,\"size\":%u,\"committed\":%u,\"carved\":%u,\"attachments\":%d,"
-           "\"poolRollBacks\":%u,\"pools\":[",
+           "\"callRollBacks\":%u,\"poolRollBacks\":%u,\"pools\":[",
            KvrsJsonString(KvNamespace()).c_str(), use.m_cbSize, use.m_cbCommitted, use.m_cbCarved, use.m_cAttachments,
-           use.m_cPoolRollBacks);
+           use.m_cCallRollBacks, use.m_cPoolRollBacks);
     for (size_t i = 0; i < use.m_vPools.size(); ++i)
         printf("%s{\"block\":%u,\"inUse\":%llu,\"free\":%llu,\"freeListBroken\":%s}", i ? "," : "",
                use.m_vPools[i].m_cbBlock, static_cast<unsigned long long>(use.m_vPools[i].m_cInUse),
