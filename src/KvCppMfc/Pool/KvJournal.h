@@ -98,6 +98,17 @@ public:
         memcpy(pRecord + sizeof(rec), pch, cb);
         Publish(pHead, cbUsed, cbRecord, nullptr);
     }
+    // Save of one 32-bit word that lies in the segment, with room checked.
+    void Save4(const void* pv)
+    {
+        KvJournalHead* pHead = Head();
+        const uint32_t cbUsed = pHead->cbUsed;
+        char* pRecord = Records() + cbUsed;
+        const KvJournalRecord rec{KvGranularity::_CalcOffset(pv), 4};
+        memcpy(pRecord, &rec, sizeof(rec));
+        memcpy(pRecord + sizeof(rec), pv, 4);
+        Publish(pHead, cbUsed, static_cast<uint32_t>(sizeof(rec)) + 4, nullptr);
+    }
     // Requires: as Save. Appends a logical record (KVJRN_ALLOC or KVJRN_FREE) of
     // the block at pv of cbBlock bytes. With pjrnPools, the record counts
     // through that journal's write: it then belongs to the pool operation in

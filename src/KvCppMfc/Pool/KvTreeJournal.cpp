@@ -73,6 +73,53 @@ private:
     uint32_t m_cUsed = 0;
 };
 thread_local KvSavedRanges t_saved;
+
+// The last words saved, looked at first: a call's counted references walk
+// the same few counts again and again.
+constexpr uint32_t kcRecent = 8;
+thread_local uint32_t t_aofsRecent[kcRecent] = {};
+thread_local uint32_t t_iRecent = 0;
+
+// Blocks this section took, the newest few: their bytes need no records, since
+// undoing the allocation gives the whole block back (an object is constructed
+// and filled right after it is allocated).
+struct KvFreshBlock {
+    uint32_t ofs;
+    uint32_t cb;
+};
+constexpr uint32_t kcFresh = 8;
+thread_local KvFreshBlock t_aFresh[kcFresh] = {};
+thread_local uint32_t t_iFresh = 0;
+
+// The FREE records of this section, for its commit.
+thread_local std::vector<uint32_t>* t_pvofsFrees = nullptr;
+
+void KvForgetSaved()
+{
+    t_saved.Forget();
+    t_iRecent = 0;
+    t_iFresh = 0;
+    if (t_pvofsFrees != nullptr)
+        t_pvofsFrees->clear();
+}
+
+bool KvIsFresh(uint32_t ofs, uint32_t cb)
+{
+    for (uint32_t i = 0; i < t_iFresh && i < kcFresh; ++i) {
+        const KvFreshBlock& b = t_aFresh[i];
+        if (ofs - b.ofs < b.cb && cb <= b.cb - (ofs - b.ofs))
+            return true;
+    }
+    return false;
+}
+
+bool KvIsRecent(uint32_t ofs)
+{
+    for (uint32_t i = 0; i < t_iRecent && i < kcRecent; ++i)
+        if (t_aofsRecent[i] == ofs)
+            return true;
+    return false;
+}
 // A change found no room in the journal: the call fails, and its end undoes
 // it whole instead of committing a part.
 thread_local bool t_fOverflow = false;
@@ -101,7 +148,7 @@ void KvPop(KvJournalHead* pHead, uint32_t cbUsed)
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
     __atomic_store_n(&pHead->cbUsed, cbUsed, __ATOMIC_RELEASE);
     if (cbUsed == 0)
-        t_saved.Forget();
+        KvForgetSaved();
 }
 
 // Runs the FREE records, newest first, each with the pop of its record in
@@ -123,6 +170,18 @@ uint32_t KvFinishFrees(KvJournalHead* pHead)
     }
     KvPop(pHead, 0);
     return cFrees;
+}
+
+// The same for this thread's own section, whose FREE records it noted: no walk.
+void KvFinishNotedFrees(KvJournalHead* pHead)
+{
+    std::vector<uint32_t>& v = *t_pvofsFrees;
+    for (auto it = v.rbegin(); it != v.rend(); ++it) {
+        const KvJournalRecord rec = KvRecordAt(*it);
+        KvGranularity::_FreeFromJournal(KvGranularity::_pvBase + rec.ofs, rec.dwKindAndSize & ~KVJRN_KIND_MASK,
+                                        &pHead->cbUsed, *it, false);
+    }
+    KvPop(pHead, 0);
 }
 
 // Undoes the records, newest first: bytes written back, blocks taken given
@@ -177,14 +236,49 @@ void KvRecover(KvJournalHead* pHead)
 
 }  // namespace
 
+namespace {
+// A short section (a lookup's transient references) is searched record by
+// record, which stays in the cache; a longer one through the table. A range
+// that both miss is only saved twice, which undoes the same.
+constexpr uint32_t kcbScanned = 256;
+
+bool KvInShortSection(uint32_t cbUsed, uint32_t ofs, uint32_t cb)
+{
+    const char* pRecords = s_jrnTree.Records();
+    for (uint32_t i = 0; i + sizeof(KvJournalRecord) <= cbUsed;) {
+        KvJournalRecord rec;
+        memcpy(&rec, pRecords + i, sizeof(rec));
+        if (rec.ofs == ofs && rec.dwKindAndSize == cb)
+            return true;
+        const uint32_t cbRec = rec.dwKindAndSize & ~KVJRN_KIND_MASK;
+        i += static_cast<uint32_t>(sizeof(rec)) +
+             ((rec.dwKindAndSize & KVJRN_KIND_MASK) == KVJRN_BYTES ? ((cbRec + 3u) & ~3u) : 0);
+    }
+    return false;
+}
+}  // namespace
+
 void KvsJournalSave(const void* pv, uint32_t cb)
 {
     const char* pch = static_cast<const char*>(pv);
     const char* pBase = KvGranularity::_pvBase;
     if (pch < pBase || pch + cb > pBase + KvGranularity::_stMax)
         return;  // not the segment's
+    const uint32_t ofs = static_cast<uint32_t>(pch - pBase);
+    if (KvIsFresh(ofs, cb))
+        return;
+    if (cb == 4) {
+        if (KvIsRecent(ofs))
+            return;
+        t_aofsRecent[t_iRecent++ % kcRecent] = ofs;
+    }
+    const uint32_t cbUsed = s_jrnTree.Head()->cbUsed;
+    if (cbUsed < kcbScanned ? KvInShortSection(cbUsed, ofs, cb) : t_saved.SeenBefore(ofs, cb))
+        return;
     KvEnsureRoom(static_cast<uint32_t>(sizeof(KvJournalRecord)) + ((cb + 3u) & ~3u));
-    if (!t_saved.SeenBefore(static_cast<uint32_t>(pch - pBase), cb))
+    if (cb == 4)
+        s_jrnTree.Save4(pv);  // a word: no copy of variable length
+    else
         s_jrnTree.Save(pv, cb);
 }
 
@@ -250,7 +344,7 @@ void KvTreeSectionOpen()
         pHead->dwState = KVJRN_STATE_OPEN;  // a commit that ended between its last two stores
     t_cDeferredFrees = 0;
     t_fOverflow = false;
-    t_saved.Forget();
+    KvForgetSaved();
     t_fSectionOpen = true;
     t_fKvsJournaling = true;
 }
@@ -271,7 +365,7 @@ void KvTreeSectionCommit()
         // From here on the call is done: a death in the frees finishes them.
         __atomic_store_n(&pHead->dwState, KVJRN_STATE_COMMITTING, __ATOMIC_RELEASE);
         __atomic_signal_fence(__ATOMIC_SEQ_CST);
-        KvFinishFrees(pHead);
+        KvFinishNotedFrees(pHead);
         t_cDeferredFrees = 0;
         __atomic_store_n(&pHead->dwState, KVJRN_STATE_OPEN, __ATOMIC_RELEASE);
         return;
@@ -320,6 +414,7 @@ void KvTreeSectionNoteAlloc(void* pv, uint32_t cbBlock)
         return;
     KvEnsureRoom(sizeof(KvJournalRecord));
     s_jrnTree.AppendLogical(KVJRN_ALLOC, pv, cbBlock, &KvPoolJournal());
+    t_aFresh[t_iFresh++ % kcFresh] = KvFreshBlock{KvGranularity::_CalcOffset(pv), cbBlock};
 }
 
 bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock)
@@ -327,6 +422,9 @@ bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock)
     if (!t_fKvsJournaling)
         return false;
     KvEnsureRoom(sizeof(KvJournalRecord));
+    if (t_pvofsFrees == nullptr)
+        t_pvofsFrees = new std::vector<uint32_t>;  // kept for the thread's life
+    t_pvofsFrees->push_back(s_jrnTree.Head()->cbUsed);
     s_jrnTree.AppendLogical(KVJRN_FREE, pv, cbBlock, nullptr);
     ++t_cDeferredFrees;
     return true;
