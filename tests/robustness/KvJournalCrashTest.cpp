@@ -361,3 +361,20 @@ TEST_F(KvJournalCrash, AForkChildsStartUp)
     ReapEnded();
     EXPECT_GT(cDeaths, 2);
 }
+
+// A call larger than the journal is split where the journal fills: it
+// completes, and the tree is consistent.
+TEST_F(KvJournalCrash, ACallLargerThanTheJournalIsSplitAndCompletes)
+{
+    KvRsNodeProxy n = Node("j.many");
+    for (uintptr_t u = 0; u < 300; ++u)
+        KvRsConnectClient(n.GetHandle(), n.GetId(), Target(100 + u), static_cast<unsigned long>(100 + u));
+    const long cBefore = KvRsGetMsgCount();
+    KvTreeJournalLimitForTest(64);  // a few records
+    Notify("j.many", false);
+    KvTreeJournalLimitForTest(0);
+    EXPECT_EQ(cBefore + 300, KvRsGetMsgCount());
+    EXPECT_TRUE(KvSegmentConsistent());
+    for (uintptr_t u = 0; u < 300; ++u)
+        KvRsDisconnectClient(n.GetHandle(), n.GetId(), Target(100 + u), static_cast<unsigned long>(100 + u));
+}

@@ -120,20 +120,43 @@ bool KvIsRecent(uint32_t ofs)
             return true;
     return false;
 }
-// A change found no room in the journal: the call fails, and its end undoes
-// it whole instead of committing a part.
-thread_local bool t_fOverflow = false;
+// A call larger than the journal is split: what it changed so far becomes
+// final (its frees run, as they would have without the journal), and the
+// journal starts again from there. Only such a call can be left in part by a
+// death; it is also never undone to be run again.
+thread_local bool t_fSplit = false;
+void KvCommitNow();
+
+uint32_t s_cbLimitForTest = 0;
+
+uint32_t KvCapacity()
+{
+    const uint32_t cb = s_jrnTree.RecordBytes();
+    return s_cbLimitForTest != 0 && s_cbLimitForTest < cb ? s_cbLimitForTest : cb;
+}
 
 void KvEnsureRoom(uint32_t cbRecord)
 {
     const uint32_t cbUsed = s_jrnTree.Head()->cbUsed;
-    if (cbRecord <= s_jrnTree.RecordBytes() && cbUsed <= s_jrnTree.RecordBytes() - cbRecord)
+    const uint32_t cbCapacity = KvCapacity();
+    if (cbRecord <= cbCapacity && cbUsed <= cbCapacity - cbRecord)
         return;
-    t_fOverflow = true;
-    char sz[160];
-    snprintf(sz, sizeof(sz), "%s: the call is too large for the journal (%u bytes of changes); it is undone",
-             s_jrnTree.MutexName(), cbUsed);
-    KvGranThrow(sz);
+    if (cbRecord > cbCapacity) {
+        char sz[160];
+        snprintf(sz, sizeof(sz), "%s: a change of %u bytes is larger than the journal", s_jrnTree.MutexName(),
+                 cbRecord);
+        KvGranThrow(sz);
+    }
+    if (!t_fSplit) {
+        char sz[200];
+        snprintf(sz, sizeof(sz),
+                 "%s: a call is larger than the journal (%u bytes of changes); what it changed so far "
+                 "is final, the rest is journaled anew",
+                 s_jrnTree.MutexName(), cbUsed);
+        _DebugOutput(sz);
+    }
+    t_fSplit = true;
+    KvCommitNow();
 }
 
 KvJournalRecord KvRecordAt(uint32_t ofs)
@@ -236,28 +259,6 @@ void KvRecover(KvJournalHead* pHead)
 
 }  // namespace
 
-namespace {
-// A short section (a lookup's transient references) is searched record by
-// record, which stays in the cache; a longer one through the table. A range
-// that both miss is only saved twice, which undoes the same.
-constexpr uint32_t kcbScanned = 256;
-
-bool KvInShortSection(uint32_t cbUsed, uint32_t ofs, uint32_t cb)
-{
-    const char* pRecords = s_jrnTree.Records();
-    for (uint32_t i = 0; i + sizeof(KvJournalRecord) <= cbUsed;) {
-        KvJournalRecord rec;
-        memcpy(&rec, pRecords + i, sizeof(rec));
-        if (rec.ofs == ofs && rec.dwKindAndSize == cb)
-            return true;
-        const uint32_t cbRec = rec.dwKindAndSize & ~KVJRN_KIND_MASK;
-        i += static_cast<uint32_t>(sizeof(rec)) +
-             ((rec.dwKindAndSize & KVJRN_KIND_MASK) == KVJRN_BYTES ? ((cbRec + 3u) & ~3u) : 0);
-    }
-    return false;
-}
-}  // namespace
-
 void KvsJournalSave(const void* pv, uint32_t cb)
 {
     const char* pch = static_cast<const char*>(pv);
@@ -267,14 +268,24 @@ void KvsJournalSave(const void* pv, uint32_t cb)
     const uint32_t ofs = static_cast<uint32_t>(pch - pBase);
     if (KvIsFresh(ofs, cb))
         return;
-    if (cb == 4) {
-        if (KvIsRecent(ofs))
+    if (cb != 4) {
+        if (t_saved.SeenBefore(ofs, cb))
             return;
-        t_aofsRecent[t_iRecent++ % kcRecent] = ofs;
-    }
-    const uint32_t cbUsed = s_jrnTree.Head()->cbUsed;
-    if (cbUsed < kcbScanned ? KvInShortSection(cbUsed, ofs, cb) : t_saved.SeenBefore(ofs, cb))
+    } else if (KvIsRecent(ofs)) {
         return;
+    } else if (t_iRecent >= kcRecent) {
+        // The recent words no longer are all the words saved: the table,
+        // which learns them before the first is overwritten, knows the rest.
+        if (t_iRecent == kcRecent)
+            for (uint32_t ofsRecent : t_aofsRecent)
+                t_saved.SeenBefore(ofsRecent, 4);
+        const bool fSeen = t_saved.SeenBefore(ofs, 4);
+        t_aofsRecent[t_iRecent++ % kcRecent] = ofs;
+        if (fSeen)
+            return;
+    } else {
+        t_aofsRecent[t_iRecent++] = ofs;
+    }
     KvEnsureRoom(static_cast<uint32_t>(sizeof(KvJournalRecord)) + ((cb + 3u) & ~3u));
     if (cb == 4)
         s_jrnTree.Save4(pv);  // a word: no copy of variable length
@@ -321,7 +332,7 @@ void KvTreeJournalDetach()
 
 void KvTreeJournalForgetAfterFork()
 {
-    t_fOverflow = false;
+    t_fSplit = false;
     t_fSectionOpen = false;
     t_fKvsJournaling = false;
     t_cDeferredFrees = 0;
@@ -343,7 +354,7 @@ void KvTreeSectionOpen()
     if (pHead->dwState != KVJRN_STATE_OPEN)
         pHead->dwState = KVJRN_STATE_OPEN;  // a commit that ended between its last two stores
     t_cDeferredFrees = 0;
-    t_fOverflow = false;
+    t_fSplit = false;
     KvForgetSaved();
     t_fSectionOpen = true;
     t_fKvsJournaling = true;
@@ -351,14 +362,26 @@ void KvTreeSectionOpen()
 
 void KvTreeSectionCommit()
 {
+    KvCommitNow();
+    t_fSplit = false;
+}
+
+bool KvTreeSectionWasSplit()
+{
+    return t_fSplit;
+}
+
+void KvTreeJournalLimitForTest(uint32_t cbRecords)
+{
+    s_cbLimitForTest = cbRecords;
+}
+
+namespace {
+void KvCommitNow()
+{
     if (!t_fSectionOpen)
         return;
     KvJournalHead* pHead = s_jrnTree.Head();
-    if (t_fOverflow) {
-        t_fOverflow = false;
-        KvTreeSectionRollBack("the call was too large for the journal");
-        return;
-    }
     if (pHead->cbUsed == 0)
         return;
     if (t_cDeferredFrees != 0) {
@@ -372,6 +395,7 @@ void KvTreeSectionCommit()
     }
     KvPop(pHead, 0);
 }
+}  // namespace
 
 void KvTreeSectionRollBack(const char* pszWhy)
 {

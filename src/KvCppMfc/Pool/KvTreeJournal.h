@@ -12,8 +12,9 @@
 //
 // The journal's head lies in the header zone; its records in the object
 // "OGRAN.JRN" of the namespace, reserved at its full size but taking memory
-// only as it is written. A section too large for it fails with "the journal has
-// no room" and is undone whole.
+// only as it is written. A call too large for it is split: what it changed so
+// far becomes final, and journaling starts again (so only such a call can be
+// left in part by a death).
 #pragma once
 
 #include <cstdint>
@@ -43,6 +44,11 @@ void KvTreeSectionRollBack(const char* pszWhy);
 void KvTreeSectionClose();
 bool KvTreeSectionIsOpen();
 bool KvTreeSectionIsEmpty();
+// True when the call in progress was larger than the journal and split: it
+// can no longer be undone to be run again.
+bool KvTreeSectionWasSplit();
+// Test hook: the journal holds at most cbRecords bytes of records (0: all).
+void KvTreeJournalLimitForTest(uint32_t cbRecords);
 
 // Pool hooks, under the pool mutex: an allocation in a section is recorded
 // (as part of the pool operation); a free in a section is deferred (true).

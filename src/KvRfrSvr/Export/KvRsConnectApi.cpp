@@ -102,9 +102,9 @@ void KvRsDisconnectClient(void* hNode, unsigned long idNode, void* hTarget, unsi
 long KvRsGetClientCount(void* hNode, unsigned long idNode)
 {
     return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
-        if (ptrNode.IsNotNull())
-            cResult = ptrNode->GetClientCount();
+        CRsNode* pNode = KvRsBorrow<CRsNode>(hNode, idNode);
+        if (pNode != nullptr)
+            cResult = pNode->GetClientCount();
     });
 }
 

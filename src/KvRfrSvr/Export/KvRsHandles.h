@@ -41,6 +41,16 @@ KvSmartPtr<T> KvRsHandle2(void* handle, unsigned long /*id*/)
 
 KvSmartPtr<CRsObj> KvRsHandle2Ptr(void* handle, unsigned long id);
 
+// The object at handle for a body that only reads it and takes nothing from
+// it: under the global mutex nothing frees it meanwhile, so no counted
+// reference is taken (taking one writes the counts of the object and of every
+// ancestor, and the journal records each of them).
+template <class T>
+T* KvRsBorrow(void* handle, unsigned long /*id*/)
+{
+    return handle == nullptr ? nullptr : static_cast<T*>(KvRsHandleAddress(handle));
+}
+
 // The object of a counted reference that a body is about to use; a null one
 // raises the access violation that using it would cause.
 template <class T>

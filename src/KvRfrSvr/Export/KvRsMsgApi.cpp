@@ -45,9 +45,9 @@ KvRsMsgProxy KvRsCreateMsg(unsigned long type, KvRsValueProxy value, KvRsNodePro
 unsigned long KvRsGetMsgType(void* hMsg, unsigned long idMsg)
 {
     return KvRsFramedResult<unsigned long>(__LINE__, [&](unsigned long& dwResult) {
-        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg);
-        if (ptrMsg.IsNotNull())
-            dwResult = ptrMsg->m_dwMsg;
+        CRsMsg* pMsg = KvRsBorrow<CRsMsg>(hMsg, idMsg);
+        if (pMsg != nullptr)
+            dwResult = pMsg->m_dwMsg;
     });
 }
 
@@ -72,11 +72,11 @@ KvRsNodeProxy KvRsGetMsgChangedNode(void* hMsg, unsigned long idMsg)
 void KvRsGetMsgTarget(void* hMsg, unsigned long idMsg, void*& hTarget, unsigned long& idTarget)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg);
-        if (ptrMsg.IsNull())
+        CRsMsg* pMsg = KvRsBorrow<CRsMsg>(hMsg, idMsg);
+        if (pMsg == nullptr)
             return;
-        hTarget = ptrMsg->m_pvMsgTarget;
-        idTarget = ptrMsg->m_idMsgTarget;
+        hTarget = pMsg->m_pvMsgTarget;
+        idTarget = pMsg->m_idMsgTarget;
     });
 }
 

@@ -53,19 +53,19 @@ void KvRsRemoveChildNode(void* hParent, unsigned long idParent, const char* name
 long KvRsGetChildNodeCount(void* hNode, unsigned long idNode)
 {
     return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
-        if (ptrNode.IsNotNull())
-            cResult = ptrNode->GetChildCount();
+        CRsNode* pNode = KvRsBorrow<CRsNode>(hNode, idNode);
+        if (pNode != nullptr)
+            cResult = pNode->GetChildCount();
     });
 }
 
 void KvRsGetNodeName(void* hNode, unsigned long idNode, char* pszName)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
-        if (ptrNode.IsNull())
+        CRsNode* pNode = KvRsBorrow<CRsNode>(hNode, idNode);
+        if (pNode == nullptr)
             return;
-        const char* pszOwn = ptrNode->GetName();
+        const char* pszOwn = pNode->GetName();
         if (pszOwn == nullptr)
             pszOwn = "";
         if (pszName == nullptr)
@@ -77,9 +77,9 @@ void KvRsGetNodeName(void* hNode, unsigned long idNode, char* pszName)
 long KvRsGetNodeNameLength(void* hNode, unsigned long idNode)
 {
     return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
-        if (ptrNode.IsNotNull() && ptrNode->GetName() != nullptr)
-            cResult = static_cast<long>(strlen(ptrNode->GetName()));
+        CRsNode* pNode = KvRsBorrow<CRsNode>(hNode, idNode);
+        if (pNode != nullptr && pNode->GetName() != nullptr)
+            cResult = static_cast<long>(strlen(pNode->GetName()));
     });
 }
 
@@ -95,9 +95,9 @@ KvRsNodeProxy KvRsGetNodeParent(void* hNode, unsigned long idNode)
 unsigned long KvRsGetNodeType(void* hNode, unsigned long idNode)
 {
     return KvRsFramedResult<unsigned long>(__LINE__, [&](unsigned long& dwResult) {
-        KvSmartPtr<CRsNode> ptrNode = KvRsNode(hNode, idNode);
-        if (ptrNode.IsNotNull())
-            dwResult = ptrNode->GetType();
+        CRsNode* pNode = KvRsBorrow<CRsNode>(hNode, idNode);
+        if (pNode != nullptr)
+            dwResult = pNode->GetType();
     });
 }
 

@@ -45,6 +45,22 @@ void KvRsReleaseRootReference()
         KvGranularity::_SetRoot(nullptr, KVRS_ROOT_SLOT);
 }
 
+// Drops every message of a queue that nobody will ever read. With fCommit, in
+// batches that are each final: any number of them is a consistent tree, and a
+// queue of a million messages never fills the journal.
+void KvRsPurgeQueue(CRsQueue* pQueue, bool fCommit)
+{
+    if (!fCommit) {
+        pQueue->RemoveAllMsgs();
+        return;
+    }
+    for (uint32_t c = 1; pQueue->GetMsgCount() > 0; ++c) {
+        pQueue->m_ptrMsgList->RemoveFirst();  // not GetMsg: the queue is another process's
+        if (c % 4096 == 0)
+            KvTreeSectionCommit();
+    }
+}
+
 // Each step is recorded as done before the next begins, so that a reaper that
 // dies half-way leaves the remaining steps, and only those, to the next. A step
 // is committed before it is recorded: a reaper that dies inside one has it
@@ -74,6 +90,8 @@ KvRsReaped KvRsReapOne(KvProcessEntry& e)
     }
     if ((e.dwDone & KVPRC_DONE_QUEUE) == 0) {
         int32_t cLeft = 0;
+        if (pQueue != nullptr && pQueue->m_cSmart == 1)
+            KvRsPurgeQueue(pQueue, true);  // the queue dies with this reference: its messages first
         if (pQueue != nullptr) {
             // The queue outlives this reference only when someone else holds it.
             if (pQueue->m_cSmart > 1)
@@ -223,11 +241,11 @@ bool KvRsReclaimFromEndedProcesses()
     // tree already would stay allocated until that call ends: the call is
     // undone, the messages dropped, and the call run again (KvRsFramed).
     const bool fEmpty = KvTreeSectionIsEmpty();
-    if (!fEmpty && t_cKvFaultFrames == 1 && !t_fKvRsRetried)
+    if (!fEmpty && t_cKvFaultFrames == 1 && !t_fKvRsRetried && !KvTreeSectionWasSplit())
         throw KvRsRetryAfterReclaim{};
     t_fInside = true;
     for (CRsQueue* pQueue : vpQueues)
-        pQueue->RemoveAllMsgs();
+        KvRsPurgeQueue(pQueue, fEmpty);
     if (fEmpty)
         KvTreeSectionCommit();  // the frees run now, for the allocation that waits
     KvProcessEntry* pTable = KvProcessTable();

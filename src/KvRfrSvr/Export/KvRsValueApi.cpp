@@ -21,9 +21,9 @@ KvRsValueProxy KvRsCreateValue(void)
 unsigned long KvRsGetValueType(void* hValue, unsigned long idValue)
 {
     return KvRsFramedResult<unsigned long>(__LINE__, [&](unsigned long& dwResult) {
-        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue);
-        if (ptrValue.IsNotNull())
-            dwResult = ptrValue->GetValueType();
+        CRsValue* pValue = KvRsBorrow<CRsValue>(hValue, idValue);
+        if (pValue != nullptr)
+            dwResult = pValue->GetValueType();
     });
 }
 
@@ -39,9 +39,9 @@ void KvRsSetValueType(void* hValue, unsigned long idValue, unsigned long type)
 long KvRsGetValueByteCount(void* hValue, unsigned long idValue)
 {
     return KvRsFramedResult<long>(__LINE__, [&](long& cResult) {
-        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue);
-        if (ptrValue.IsNotNull())
-            cResult = ptrValue->GetByteCount();
+        CRsValue* pValue = KvRsBorrow<CRsValue>(hValue, idValue);
+        if (pValue != nullptr)
+            cResult = pValue->GetByteCount();
     });
 }
 
@@ -49,9 +49,9 @@ void KvRsGetValueBytes(void* hValue, unsigned long idValue, unsigned char* pb)
 {
     // A bad caller buffer faults inside the copy and ends in the frame's report.
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue);
-        if (ptrValue.IsNotNull())
-            ptrValue->GetBytes(pb);
+        CRsValue* pValue = KvRsBorrow<CRsValue>(hValue, idValue);
+        if (pValue != nullptr)
+            pValue->GetBytes(pb);
     });
 }
 
