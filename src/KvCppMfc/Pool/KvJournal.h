@@ -130,7 +130,7 @@ public:
     void SetAt(void* pvField, const T& value)
     {
         Save(pvField, sizeof(T));
-        memcpy(pvField, &value, sizeof(T));
+        memcpy(pvField, static_cast<const void*>(&value), sizeof(T));  // the value's bytes, whatever T copies
     }
     // The section completed: its records are discarded.
     void Commit()
