@@ -30,13 +30,19 @@ thread_local uint32_t t_cDeferredFrees = 0;
 // only the oldest bytes of a range, and a call writes the same words over and
 // over (every counted reference walks the ancestors' counts): a range saved
 // before is not saved again. A full table only stops the saving of space.
+// The per-thread memory below is freed when its thread ends; the holder is
+// made the first time a thread needs any.
+void KvHoldThreadMemory();
+
 class KvSavedRanges {
 public:
     // True when (ofs, cb) was saved already; otherwise notes it.
     bool SeenBefore(uint32_t ofs, uint32_t cb)
     {
-        if (m_pEntries == nullptr)
+        if (m_pEntries == nullptr) {
+            KvHoldThreadMemory();
             m_pEntries = new Entry[kcEntries]();
+        }
         const uint64_t qwKey = (static_cast<uint64_t>(ofs) << 32) | cb;
         uint32_t i = static_cast<uint32_t>((qwKey * 0x9E3779B97F4A7C15ull) >> 50) & (kcEntries - 1);
         for (uint32_t d = 0; d < kcProbe; ++d, i = (i + 1) & (kcEntries - 1)) {
@@ -59,6 +65,12 @@ public:
             ++m_dwGeneration;  // every entry is stale at once
             m_cUsed = 0;
         }
+    }
+    void Release()
+    {
+        delete[] m_pEntries;
+        m_pEntries = nullptr;
+        m_cUsed = 0;
     }
 
 private:
@@ -93,6 +105,21 @@ thread_local uint32_t t_iFresh = 0;
 
 // The FREE records of this section, for its commit.
 thread_local std::vector<uint32_t>* t_pvofsFrees = nullptr;
+
+struct KvThreadMemory {
+    ~KvThreadMemory()
+    {
+        t_saved.Release();
+        delete t_pvofsFrees;
+        t_pvofsFrees = nullptr;
+    }
+};
+
+void KvHoldThreadMemory()
+{
+    static thread_local KvThreadMemory t_memory;
+    (void)&t_memory;  // made on this first use, destroyed when the thread ends
+}
 
 void KvForgetSaved()
 {
@@ -446,8 +473,10 @@ bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock)
     if (!t_fKvsJournaling)
         return false;
     KvEnsureRoom(sizeof(KvJournalRecord));
-    if (t_pvofsFrees == nullptr)
+    if (t_pvofsFrees == nullptr) {
+        KvHoldThreadMemory();
         t_pvofsFrees = new std::vector<uint32_t>;  // kept for the thread's life
+    }
     t_pvofsFrees->push_back(s_jrnTree.Head()->cbUsed);
     s_jrnTree.AppendLogical(KVJRN_FREE, pv, cbBlock, nullptr);
     ++t_cDeferredFrees;
