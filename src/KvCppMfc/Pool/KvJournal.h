@@ -14,6 +14,7 @@
 // its head there too, and its records in an object of their own.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
@@ -25,13 +26,15 @@ constexpr uint32_t KVGRAN_TREE_JOURNAL_OFFSET = 0x820;  // the head only
 constexpr uint32_t KVGRAN_POOL_JOURNAL_OFFSET = 0x830;
 constexpr uint32_t KVGRAN_POOL_JOURNAL_END = 0xF00;
 
-#pragma pack(push, 1)
+// Four 32-bit words, so the natural layout is the packed one; left unpacked so
+// that its words may be changed atomically (they lie 16-byte aligned).
 struct KvJournalHead {
     uint32_t cbUsed;       // bytes of records; 0: nothing to undo
     uint32_t dwPid;        // the process whose records they are
     uint32_t cRolledBack;  // sections undone (or finished) for a process that ended inside them
     uint32_t dwState;      // KVJRN_STATE_...
 };
+#pragma pack(push, 1)
 // A record: where, what, then for KVJRN_BYTES the old bytes (padded to 4).
 struct KvJournalRecord {
     uint32_t ofs;
@@ -39,8 +42,10 @@ struct KvJournalRecord {
 };
 #pragma pack(pop)
 static_assert(sizeof(KvJournalHead) == 16 && sizeof(KvJournalRecord) == 8, "");
+static_assert(offsetof(KvJournalHead, dwState) == 12, "");
 static_assert(KVGRAN_TREE_JOURNAL_OFFSET >= 0x800 + 32, "the journals lie after the build fingerprint");
 static_assert(KVGRAN_POOL_JOURNAL_OFFSET >= KVGRAN_TREE_JOURNAL_OFFSET + sizeof(KvJournalHead), "");
+static_assert(KVGRAN_TREE_JOURNAL_OFFSET % 16 == 0 && KVGRAN_POOL_JOURNAL_OFFSET % 16 == 0, "heads are aligned");
 
 // Kinds of record. BYTES is undone by writing the bytes back; ALLOC (a block
 // this section took) by freeing the block; FREE (a block this section gave
