@@ -2,7 +2,6 @@
 #include "KvBridgeHarness.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -54,21 +53,6 @@ bool KvBridgeEventually(const std::function<bool()>& fn, int cms)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return fn();
-}
-
-std::vector<std::string> KvBridgeShmObjects(const std::string& strNamespace)
-{
-    const std::string strSuffix = "." + strNamespace + "." + std::to_string(sizeof(void*) * 8);
-    std::vector<std::string> v;
-    if (DIR* pdir = opendir("/dev/shm")) {
-        while (dirent* pent = readdir(pdir)) {
-            const std::string s = pent->d_name;
-            if (s.size() > strSuffix.size() && s.compare(s.size() - strSuffix.size(), strSuffix.size(), strSuffix) == 0)
-                v.push_back(s);
-        }
-        closedir(pdir);
-    }
-    return v;
 }
 
 bool KvBridgeBroker::StartOn(int iPort)

@@ -62,8 +62,6 @@ KvToolResult KvBridgeRun(const std::string& strNamespace, const std::vector<std:
                          const std::string& strIn = "");
 // Polls fn every 20 ms for up to cms; true as soon as it holds.
 bool KvBridgeEventually(const std::function<bool()>& fn, int cms = 10000);
-// Names in /dev/shm that belong to the namespace.
-std::vector<std::string> KvBridgeShmObjects(const std::string& strNamespace);
 
 class KvBridgeBroker {
 public:

@@ -32,7 +32,7 @@ protected:
                 EXPECT_EQ(std::string::npos, r.strErr.find("lost the broker")) << r.strErr;
             }
             pTree->Stop();
-            EXPECT_TRUE(KvBridgeShmObjects(strNamespace).empty()) << strNamespace;
+            EXPECT_TRUE(KvTestNamespaceObjects(strNamespace).empty()) << strNamespace;
         }
         m_broker.Stop();
     }
@@ -320,7 +320,7 @@ TEST(KvBridgeUsageTest, BadInputGivesOneLineAndStatusTwo)
     for (const char* psz : {"--broker", "--topic-root", "--scan-ms", "--user", "--password-file", "--cafile", "%XX",
                             "kvrs-type", "kvrs-msg", "SUBTREE"})
         EXPECT_NE(std::string::npos, r.strOut.find(psz)) << psz;
-    EXPECT_TRUE(KvBridgeShmObjects(strNamespace).empty());
+    EXPECT_TRUE(KvTestNamespaceObjects(strNamespace).empty());
 }
 
 }  // namespace

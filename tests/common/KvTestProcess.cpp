@@ -139,12 +139,14 @@ std::string KvTestUseFreshNamespace()
     return str;
 }
 
-std::vector<std::string> KvTestNamespaceObjects()
+std::vector<std::string> KvTestNamespaceObjects(const std::string& strNamespace)
 {
     // "." + namespace + "." + word size, as the library names its objects.
     const char* psz = getenv("KVRFRSVR_NAMESPACE");
-    const std::string strSuffix = "." + (psz != nullptr && *psz != '\0' ? psz : "u" + std::to_string(getuid())) + "." +
-                                  std::to_string(sizeof(void*) * 8);
+    const std::string strNs = !strNamespace.empty()            ? strNamespace
+                              : psz != nullptr && *psz != '\0' ? std::string(psz)
+                                                               : "u" + std::to_string(getuid());
+    const std::string strSuffix = "." + strNs + "." + std::to_string(sizeof(void*) * 8);
     std::vector<std::string> v;
     if (DIR* pdir = opendir("/dev/shm")) {
         while (dirent* pent = readdir(pdir)) {

@@ -49,8 +49,8 @@ std::string KvTestReadFile(const std::string& strPath);
 // that attachments of a test never meet those of another.
 std::string KvTestUseFreshNamespace();
 
-// Names in /dev/shm that belong to the current namespace.
-std::vector<std::string> KvTestNamespaceObjects();
+// Names in /dev/shm that belong to the namespace (empty: the current one).
+std::vector<std::string> KvTestNamespaceObjects(const std::string& strNamespace = "");
 
 // Redirects file descriptor 2 into a temporary file until Stop(), which returns
 // what was written.

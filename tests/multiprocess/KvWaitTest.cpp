@@ -1,6 +1,5 @@
 // Waiting instead of polling: KvRsWaitMsg across processes and threads, with
 // time-outs, signals and fork, and the descriptor of KvRsGetWaitFd in epoll.
-#include <dirent.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/epoll.h>
@@ -8,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <memory>
 #include <string>
 #include <thread>
 
@@ -80,9 +78,8 @@ KV_CHILD_SCENARIO(EpollWaiter)
 bool WakePipeExists(pid_t pid)
 {
     const std::string strPrefix = "KVRS_WFD." + std::to_string(pid) + ".";
-    std::unique_ptr<DIR, int (*)(DIR*)> pdir(opendir("/dev/shm"), &closedir);
-    while (const dirent* pde = readdir(pdir.get()))
-        if (std::string(pde->d_name).compare(0, strPrefix.size(), strPrefix) == 0)
+    for (const std::string& str : KvTestNamespaceObjects())
+        if (str.compare(0, strPrefix.size(), strPrefix) == 0)
             return true;
     return false;
 }

@@ -264,7 +264,7 @@ bool KvAllocNamedSharedMem(void** ppvBase, const char* pszName, uint32_t size, u
     KvEnterCritSec();
     if (*ppvBase == nullptr) {
         if (KvOpenOrCreateSegment(KvObjectName(pszName), size, &fCreated) && s.shmSegment.Map() &&
-            s.mtxPools.OpenOrCreate("OGRAN.MTX") && KvTreeJournalAttach(true, fCreated)) {
+            s.mtxPools.OpenOrCreate("OGRAN.MTX") && KvTreeJournalAttach(true)) {
             *ppvBase = s.shmSegment.m_pv;
             KvGranularity::_hMem = s.shmSegment.m_fd;
             s.fPrivate = false;
@@ -336,7 +336,7 @@ void KvGranularity::_AllocMem(uint32_t size)
     _pvBase = static_cast<char*>(pv);
     S().fPrivate = true;
     _stMax = size;
-    if (!KvTreeJournalAttach(false, true)) {
+    if (!KvTreeJournalAttach(false)) {
         KvReleaseMemory(pv, size);
         _pvBase = nullptr;
         KvGranThrow("Out of memory in KvGranularity::AllocMem()");

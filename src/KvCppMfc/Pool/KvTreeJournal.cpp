@@ -320,7 +320,7 @@ void KvsJournalSave(const void* pv, uint32_t cb)
         s_jrnTree.Save(pv, cb);
 }
 
-bool KvTreeJournalAttach(bool fNamed, bool /*fCreated*/)
+bool KvTreeJournalAttach(bool fNamed)
 {
     char* pch = nullptr;
     if (fNamed) {

@@ -24,7 +24,7 @@
 #if KV_JOURNAL
 // The records' object: opened (or made, with the segment) while the segment is
 // attached. False when it could not be had: the segment is then refused.
-bool KvTreeJournalAttach(bool fNamed, bool fCreated);
+bool KvTreeJournalAttach(bool fNamed);
 void KvTreeJournalDetach();
 // In a fork child: the parent's section is not the child's.
 void KvTreeJournalForgetAfterFork();
@@ -59,7 +59,7 @@ bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock);
 uint32_t KvTreeJournalRolledBack();
 KvJournal& KvTreeJournal();
 #else
-inline bool KvTreeJournalAttach(bool, bool)
+inline bool KvTreeJournalAttach(bool)
 {
     return true;
 }

@@ -81,15 +81,9 @@ private:
 #pragma pack(pop)
 static_assert(sizeof(KvsWord<uint64_t>) == 8 && sizeof(KvsWord<uint8_t>) == 1, "a word is its plain type");
 
-// Bytes of the segment (a text's characters) written or filled through the
-// write path.
+// Bytes of the segment (a text's characters) written through the write path.
 inline void KvsWriteBytes(void* pvDst, const void* pvSrc, size_t cb)
 {
     KvsSave(pvDst, static_cast<uint32_t>(cb));
     memmove(pvDst, pvSrc, cb);
-}
-inline void KvsFillBytes(void* pvDst, int ch, size_t cb)
-{
-    KvsSave(pvDst, static_cast<uint32_t>(cb));
-    memset(pvDst, ch, cb);
 }
