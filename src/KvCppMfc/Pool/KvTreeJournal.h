@@ -77,6 +77,11 @@ inline bool KvTreeSectionIsEmpty()
 {
     return true;
 }
+inline bool KvTreeSectionWasSplit()
+{
+    return false;
+}
+inline void KvTreeJournalLimitForTest(uint32_t) {}
 inline void KvTreeSectionNoteAlloc(void*, uint32_t) {}
 inline bool KvTreeSectionDeferFree(void*, uint32_t)
 {
