@@ -116,10 +116,9 @@ public:
     uint64_t _cFreeChecked;     // frees while checking is on (counted down)
     uint64_t _cNetUnchecked;    // allocations minus frees while checking is off
 
-    // Per-process statics (never in the segment). _pvBase is in KvGranularityStatics.
+    // Per-process statics (never in the segment). _pvBase and _stMax are in KvGranularityStatics.
     static inline Info* _poinf = nullptr;
     static inline KvGranularity* _aogran = nullptr;
-    static inline uint32_t _stMax = 0;
     static inline int _hMem = -1;  // descriptor of the segment object
     static inline int32_t _s_cThisApplicationsAccess = 0;
     static inline char _s_szMemName[260] = {};

@@ -9,7 +9,7 @@
 #include "../Diag/KvDiag.h"
 #include "../Platform/KvPlatform.h"
 
-thread_local bool t_fKvsJournaling = false;
+thread_local KvsThreadState t_kvs = {{}, 1ull << 40, false};
 
 namespace {
 
@@ -86,12 +86,6 @@ private:
 };
 thread_local KvSavedRanges t_saved;
 
-// The last words saved, looked at first: a call's counted references walk
-// the same few counts again and again.
-constexpr uint32_t kcRecent = 8;
-thread_local uint32_t t_aofsRecent[kcRecent] = {};
-thread_local uint32_t t_iRecent = 0;
-
 // Blocks this section took, the newest few: their bytes need no records, since
 // undoing the allocation gives the whole block back (an object is constructed
 // and filled right after it is allocated).
@@ -123,8 +117,13 @@ void KvHoldThreadMemory()
 
 void KvForgetSaved()
 {
+    t_kvs.qwGeneration += 1ull << 40;
+    if (t_kvs.qwGeneration == 0) {
+        // The generations went round: old keys could look current again.
+        memset(t_kvs.aqwKnown, 0, sizeof(t_kvs.aqwKnown));
+        t_kvs.qwGeneration = 1ull << 40;
+    }
     t_saved.Forget();
-    t_iRecent = 0;
     t_iFresh = 0;
     if (t_pvofsFrees != nullptr)
         t_pvofsFrees->clear();
@@ -140,13 +139,6 @@ bool KvIsFresh(uint32_t ofs, uint32_t cb)
     return false;
 }
 
-bool KvIsRecent(uint32_t ofs)
-{
-    for (uint32_t i = 0; i < t_iRecent && i < kcRecent; ++i)
-        if (t_aofsRecent[i] == ofs)
-            return true;
-    return false;
-}
 // A call larger than the journal is split: what it changed so far becomes
 // final (its frees run, as they would have without the journal), and the
 // journal starts again from there. Only such a call can be left in part by a
@@ -284,8 +276,19 @@ void KvRecover(KvJournalHead* pHead)
     pHead->dwState = KVJRN_STATE_OPEN;
 }
 
+// Notes (ofs, cb) as saved, or as needing no record, for the inline test of
+// KvsSave. A larger range is not noted: its size would not fit the key.
+void KvRememberSaved(uint32_t ofs, uint32_t cb)
+{
+    if (cb < 256) {
+        const uint64_t qwKey = KvsKnownKey(ofs, cb);
+        t_kvs.aqwKnown[KvsKnownSlot(qwKey)] = qwKey;
+    }
+}
+
 }  // namespace
 
+// The write path's slow half: KvsSave found no key for the range.
 void KvsJournalSave(const void* pv, uint32_t cb)
 {
     const char* pch = static_cast<const char*>(pv);
@@ -293,31 +296,16 @@ void KvsJournalSave(const void* pv, uint32_t cb)
     if (pch < pBase || pch + cb > pBase + KvGranularity::_stMax)
         return;  // not the segment's
     const uint32_t ofs = static_cast<uint32_t>(pch - pBase);
-    if (KvIsFresh(ofs, cb))
+    if (KvIsFresh(ofs, cb) || t_saved.SeenBefore(ofs, cb)) {
+        KvRememberSaved(ofs, cb);
         return;
-    if (cb != 4) {
-        if (t_saved.SeenBefore(ofs, cb))
-            return;
-    } else if (KvIsRecent(ofs)) {
-        return;
-    } else if (t_iRecent >= kcRecent) {
-        // The recent words no longer are all the words saved: the table,
-        // which learns them before the first is overwritten, knows the rest.
-        if (t_iRecent == kcRecent)
-            for (uint32_t ofsRecent : t_aofsRecent)
-                t_saved.SeenBefore(ofsRecent, 4);
-        const bool fSeen = t_saved.SeenBefore(ofs, 4);
-        t_aofsRecent[t_iRecent++ % kcRecent] = ofs;
-        if (fSeen)
-            return;
-    } else {
-        t_aofsRecent[t_iRecent++] = ofs;
     }
     KvEnsureRoom(static_cast<uint32_t>(sizeof(KvJournalRecord)) + ((cb + 3u) & ~3u));
     if (cb == 4)
         s_jrnTree.Save4(pv);  // a word: no copy of variable length
     else
         s_jrnTree.Save(pv, cb);
+    KvRememberSaved(ofs, cb);
 }
 
 bool KvTreeJournalAttach(bool fNamed)
@@ -343,8 +331,9 @@ bool KvTreeJournalAttach(bool fNamed)
 
 void KvTreeJournalDetach()
 {
+    KvForgetSaved();
     t_fSectionOpen = false;
-    t_fKvsJournaling = false;
+    t_kvs.fJournaling = false;
     s_jrnTree.BindRecords(nullptr, 0);
     if (s_pshmRecords != nullptr) {
         s_pshmRecords->Close();
@@ -361,8 +350,9 @@ void KvTreeJournalForgetAfterFork()
 {
     t_fSplit = false;
     t_fSectionOpen = false;
-    t_fKvsJournaling = false;
+    t_kvs.fJournaling = false;
     t_cDeferredFrees = 0;
+    KvForgetSaved();
 }
 
 void KvTreeSectionOpen()
@@ -381,10 +371,9 @@ void KvTreeSectionOpen()
     if (pHead->dwState != KVJRN_STATE_OPEN)
         pHead->dwState = KVJRN_STATE_OPEN;  // a commit that ended between its last two stores
     t_cDeferredFrees = 0;
-    t_fSplit = false;
-    KvForgetSaved();
+    t_fSplit = false;  // what this thread knows as saved was forgotten when its records went
     t_fSectionOpen = true;
-    t_fKvsJournaling = true;
+    t_kvs.fJournaling = true;
 }
 
 void KvTreeSectionCommit()
@@ -431,10 +420,10 @@ void KvTreeSectionRollBack(const char* pszWhy)
     KvJournalHead* pHead = s_jrnTree.Head();
     if (pHead->cbUsed == 0)
         return;
-    const bool fJournaling = t_fKvsJournaling;
-    t_fKvsJournaling = false;
+    const bool fJournaling = t_kvs.fJournaling;
+    t_kvs.fJournaling = false;
     const uint32_t cRecords = KvUndo(pHead);
-    t_fKvsJournaling = fJournaling;
+    t_kvs.fJournaling = fJournaling;
     t_cDeferredFrees = 0;
     char sz[200];
     snprintf(sz, sizeof(sz), "%s: undid %u changes of this process's call (%s)", s_jrnTree.MutexName(), cRecords,
@@ -446,7 +435,7 @@ void KvTreeSectionClose()
 {
     KvTreeSectionCommit();
     t_fSectionOpen = false;
-    t_fKvsJournaling = false;
+    t_kvs.fJournaling = false;
 }
 
 bool KvTreeSectionIsOpen()
@@ -461,7 +450,7 @@ bool KvTreeSectionIsEmpty()
 
 void KvTreeSectionNoteAlloc(void* pv, uint32_t cbBlock)
 {
-    if (!t_fKvsJournaling)
+    if (!t_kvs.fJournaling)
         return;
     KvEnsureRoom(sizeof(KvJournalRecord));
     s_jrnTree.AppendLogical(KVJRN_ALLOC, pv, cbBlock, &KvPoolJournal());
@@ -470,7 +459,7 @@ void KvTreeSectionNoteAlloc(void* pv, uint32_t cbBlock)
 
 bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock)
 {
-    if (!t_fKvsJournaling)
+    if (!t_kvs.fJournaling)
         return false;
     KvEnsureRoom(sizeof(KvJournalRecord));
     if (t_pvofsFrees == nullptr) {

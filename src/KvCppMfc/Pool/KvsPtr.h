@@ -12,6 +12,7 @@
 // offset pointer (which KvGranularity itself uses) can be defined first.
 struct KvGranularityStatics {
     static inline char* _pvBase = nullptr;  // where this process mapped the segment
+    static inline uint32_t _stMax = 0;      // the segment's size
 
     static void* _CalcPtr(uint32_t ofs) { return ofs != 0 ? _pvBase + ofs : nullptr; }
     static uint32_t _CalcOffset(const void* pv)
@@ -31,11 +32,43 @@ struct KvGranularityStatics {
 #define KV_JOURNAL 1
 #endif
 #if KV_JOURNAL
-extern thread_local bool t_fKvsJournaling;
+// What the write path needs of its thread, in one thread-local block (one
+// address to find). A call writes the same words again and again (every
+// counted reference walks the smart counts of its object's ancestors up and
+// down), and only the first write of a word since the last commit is
+// recorded: the words known as saved, or as needing no record, are kept by a
+// hash of their offset, and a write to one of them costs a load and a compare.
+// A key is (generation << 40 | size << 32 | offset); a commit starts a new
+// generation, which makes every key stale at once.
+struct KvsThreadState {
+    static constexpr uint32_t kcKnown = 64;
+    uint64_t aqwKnown[kcKnown];
+    uint64_t qwGeneration;  // already shifted left by 40
+    bool fJournaling;       // inside a section of the global mutex
+};
+extern thread_local KvsThreadState t_kvs;
 void KvsJournalSave(const void* pv, uint32_t cb);
+inline uint64_t KvsKnownKey(uint32_t ofs, uint32_t cb)
+{
+    return t_kvs.qwGeneration | (static_cast<uint64_t>(cb) << 32) | ofs;
+}
+// Objects lie 16- or 64-byte aligned, so the offset's low bits say little: a
+// multiplicative hash spreads them.
+inline uint32_t KvsKnownSlot(uint64_t qwKey)
+{
+    return (static_cast<uint32_t>(qwKey) * 0x9E3779B1u) >> 26;
+}
+static_assert(KvsThreadState::kcKnown == 1u << (32 - 26), "the slot takes the hash's top bits");
 inline void KvsSave(const void* pv, uint32_t cb)
 {
-    if (t_fKvsJournaling)
+    if (!t_kvs.fJournaling)
+        return;
+    // Not in the segment (a pointer or word on the stack): nothing to save.
+    const uintptr_t ofs = static_cast<uintptr_t>(static_cast<const char*>(pv) - KvGranularityStatics::_pvBase);
+    if (ofs >= KvGranularityStatics::_stMax)
+        return;
+    const uint64_t qwKey = KvsKnownKey(static_cast<uint32_t>(ofs), cb);
+    if (t_kvs.aqwKnown[KvsKnownSlot(qwKey)] != qwKey)
         KvsJournalSave(pv, cb);
 }
 #else
