@@ -9,7 +9,8 @@
 #include "../Diag/KvDiag.h"
 #include "../Platform/KvPlatform.h"
 
-thread_local KvsThreadState t_kvs = {{}, 1ull << 40, false};
+thread_local KvsThreadState t_kvs = {{}, 1ull << 40, false, false, false, 0};
+bool g_fKvTreeJournalBound = false;
 
 namespace {
 
@@ -23,68 +24,10 @@ KvJournal s_jrnTree(KVGRAN_TREE_JOURNAL_OFFSET, KVGRAN_TREE_JOURNAL_OFFSET + siz
 KvShmObject* s_pshmRecords = nullptr;  // the named object, while attached to a named segment
 char* s_pchPrivateRecords = nullptr;   // private memory, for a private segment
 
-thread_local bool t_fSectionOpen = false;
-thread_local uint32_t t_cDeferredFrees = 0;
 
-// The ranges this thread saved since the section's last commit. Undoing needs
-// only the oldest bytes of a range, and a call writes the same words over and
-// over (every counted reference walks the ancestors' counts): a range saved
-// before is not saved again. A full table only stops the saving of space.
 // The per-thread memory below is freed when its thread ends; the holder is
 // made the first time a thread needs any.
 void KvHoldThreadMemory();
-
-class KvSavedRanges {
-public:
-    // True when (ofs, cb) was saved already; otherwise notes it.
-    bool SeenBefore(uint32_t ofs, uint32_t cb)
-    {
-        if (m_pEntries == nullptr) {
-            KvHoldThreadMemory();
-            m_pEntries = new Entry[kcEntries]();
-        }
-        const uint64_t qwKey = (static_cast<uint64_t>(ofs) << 32) | cb;
-        uint32_t i = static_cast<uint32_t>((qwKey * 0x9E3779B97F4A7C15ull) >> 50) & (kcEntries - 1);
-        for (uint32_t d = 0; d < kcProbe; ++d, i = (i + 1) & (kcEntries - 1)) {
-            Entry& e = m_pEntries[i];
-            if (e.dwGeneration != m_dwGeneration) {
-                if (m_cUsed >= kcEntries / 4 * 3)
-                    return false;
-                e = Entry{qwKey, m_dwGeneration};
-                ++m_cUsed;
-                return false;
-            }
-            if (e.qwKey == qwKey)
-                return true;
-        }
-        return false;
-    }
-    void Forget()
-    {
-        if (m_cUsed != 0) {
-            ++m_dwGeneration;  // every entry is stale at once
-            m_cUsed = 0;
-        }
-    }
-    void Release()
-    {
-        delete[] m_pEntries;
-        m_pEntries = nullptr;
-        m_cUsed = 0;
-    }
-
-private:
-    struct Entry {
-        uint64_t qwKey;
-        uint32_t dwGeneration;
-    };
-    static constexpr uint32_t kcEntries = 1u << 14;
-    static constexpr uint32_t kcProbe = 8;
-    Entry* m_pEntries = nullptr;  // made for threads that journal; kept for the thread's life
-    uint32_t m_dwGeneration = 1;
-    uint32_t m_cUsed = 0;
-};
-thread_local KvSavedRanges t_saved;
 
 // Blocks this section took, the newest few: their bytes need no records, since
 // undoing the allocation gives the whole block back (an object is constructed
@@ -103,7 +46,6 @@ thread_local std::vector<uint32_t>* t_pvofsFrees = nullptr;
 struct KvThreadMemory {
     ~KvThreadMemory()
     {
-        t_saved.Release();
         delete t_pvofsFrees;
         t_pvofsFrees = nullptr;
     }
@@ -123,7 +65,6 @@ void KvForgetSaved()
         memset(t_kvs.aqwKnown, 0, sizeof(t_kvs.aqwKnown));
         t_kvs.qwGeneration = 1ull << 40;
     }
-    t_saved.Forget();
     t_iFresh = 0;
     if (t_pvofsFrees != nullptr)
         t_pvofsFrees->clear();
@@ -143,21 +84,21 @@ bool KvIsFresh(uint32_t ofs, uint32_t cb)
 // final (its frees run, as they would have without the journal), and the
 // journal starts again from there. Only such a call can be left in part by a
 // death; it is also never undone to be run again.
-thread_local bool t_fSplit = false;
 void KvCommitNow();
 
 uint32_t s_cbLimitForTest = 0;
+uint32_t s_cbCapacity = 0;  // the records' room: the object's size, or the test's limit
 
-uint32_t KvCapacity()
+void KvSetCapacity()
 {
     const uint32_t cb = s_jrnTree.RecordBytes();
-    return s_cbLimitForTest != 0 && s_cbLimitForTest < cb ? s_cbLimitForTest : cb;
+    s_cbCapacity = s_cbLimitForTest != 0 && s_cbLimitForTest < cb ? s_cbLimitForTest : cb;
 }
 
 void KvEnsureRoom(uint32_t cbRecord)
 {
     const uint32_t cbUsed = s_jrnTree.Head()->cbUsed;
-    const uint32_t cbCapacity = KvCapacity();
+    const uint32_t cbCapacity = s_cbCapacity;
     if (cbRecord <= cbCapacity && cbUsed <= cbCapacity - cbRecord)
         return;
     if (cbRecord > cbCapacity) {
@@ -166,7 +107,7 @@ void KvEnsureRoom(uint32_t cbRecord)
                  cbRecord);
         KvGranThrow(sz);
     }
-    if (!t_fSplit) {
+    if (!t_kvs.fSplit) {
         char sz[200];
         snprintf(sz, sizeof(sz),
                  "%s: a call is larger than the journal (%u bytes of changes); what it changed so far "
@@ -174,7 +115,7 @@ void KvEnsureRoom(uint32_t cbRecord)
                  s_jrnTree.MutexName(), cbUsed);
         _DebugOutput(sz);
     }
-    t_fSplit = true;
+    t_kvs.fSplit = true;
     KvCommitNow();
 }
 
@@ -288,19 +229,20 @@ void KvRememberSaved(uint32_t ofs, uint32_t cb)
 
 }  // namespace
 
-// The write path's slow half: KvsSave found no key for the range.
+// The write path's slow half: KvsSave found no key for the range, which
+// begins in the segment.
 void KvsJournalSave(const void* pv, uint32_t cb)
 {
-    const char* pch = static_cast<const char*>(pv);
-    const char* pBase = KvGranularity::_pvBase;
-    if (pch < pBase || pch + cb > pBase + KvGranularity::_stMax)
-        return;  // not the segment's
-    const uint32_t ofs = static_cast<uint32_t>(pch - pBase);
-    if (KvIsFresh(ofs, cb) || t_saved.SeenBefore(ofs, cb)) {
+    const uint32_t ofs = static_cast<uint32_t>(static_cast<const char*>(pv) - KvGranularity::_pvBase);
+    if (cb > KvGranularity::_stMax - ofs)
+        return;  // runs past the segment's end: not the segment's
+    if (t_iFresh != 0 && KvIsFresh(ofs, cb)) {
         KvRememberSaved(ofs, cb);
         return;
     }
-    KvEnsureRoom(static_cast<uint32_t>(sizeof(KvJournalRecord)) + ((cb + 3u) & ~3u));
+    const uint32_t cbRecord = static_cast<uint32_t>(sizeof(KvJournalRecord)) + ((cb + 3u) & ~3u);
+    if (s_jrnTree.Head()->cbUsed > s_cbCapacity - cbRecord || cbRecord > s_cbCapacity)
+        KvEnsureRoom(cbRecord);
     if (cb == 4)
         s_jrnTree.Save4(pv);  // a word: no copy of variable length
     else
@@ -326,15 +268,19 @@ bool KvTreeJournalAttach(bool fNamed)
         pch = s_pchPrivateRecords;
     }
     s_jrnTree.BindRecords(pch, kcbRecords);
+    KvSetCapacity();
+    g_fKvTreeJournalBound = true;
     return true;
 }
 
 void KvTreeJournalDetach()
 {
     KvForgetSaved();
-    t_fSectionOpen = false;
+    t_kvs.fSectionOpen = false;
     t_kvs.fJournaling = false;
+    g_fKvTreeJournalBound = false;
     s_jrnTree.BindRecords(nullptr, 0);
+    KvSetCapacity();
     if (s_pshmRecords != nullptr) {
         s_pshmRecords->Close();
         delete s_pshmRecords;
@@ -348,14 +294,14 @@ void KvTreeJournalDetach()
 
 void KvTreeJournalForgetAfterFork()
 {
-    t_fSplit = false;
-    t_fSectionOpen = false;
+    t_kvs.fSplit = false;
+    t_kvs.fSectionOpen = false;
     t_kvs.fJournaling = false;
-    t_cDeferredFrees = 0;
+    t_kvs.cDeferredFrees = 0;
     KvForgetSaved();
 }
 
-void KvTreeSectionOpen()
+void KvTreeSectionOpenAndRecover()
 {
     if (KvGranularity::_pvBase == nullptr || s_jrnTree.RecordBytes() == 0)
         return;
@@ -370,42 +316,42 @@ void KvTreeSectionOpen()
     }
     if (pHead->dwState != KVJRN_STATE_OPEN)
         pHead->dwState = KVJRN_STATE_OPEN;  // a commit that ended between its last two stores
-    t_cDeferredFrees = 0;
-    t_fSplit = false;  // what this thread knows as saved was forgotten when its records went
-    t_fSectionOpen = true;
+    t_kvs.cDeferredFrees = 0;
+    t_kvs.fSplit = false;  // what this thread knows as saved was forgotten when its records went
+    t_kvs.fSectionOpen = true;
     t_kvs.fJournaling = true;
 }
 
-void KvTreeSectionCommit()
+void KvTreeSectionCommitRecords()
 {
     KvCommitNow();
-    t_fSplit = false;
 }
 
 bool KvTreeSectionWasSplit()
 {
-    return t_fSplit;
+    return t_kvs.fSplit;
 }
 
 void KvTreeJournalLimitForTest(uint32_t cbRecords)
 {
     s_cbLimitForTest = cbRecords;
+    KvSetCapacity();
 }
 
 namespace {
 void KvCommitNow()
 {
-    if (!t_fSectionOpen)
+    if (!t_kvs.fSectionOpen)
         return;
     KvJournalHead* pHead = s_jrnTree.Head();
     if (pHead->cbUsed == 0)
         return;
-    if (t_cDeferredFrees != 0) {
+    if (t_kvs.cDeferredFrees != 0) {
         // From here on the call is done: a death in the frees finishes them.
         __atomic_store_n(&pHead->dwState, KVJRN_STATE_COMMITTING, __ATOMIC_RELEASE);
         __atomic_signal_fence(__ATOMIC_SEQ_CST);
         KvFinishNotedFrees(pHead);
-        t_cDeferredFrees = 0;
+        t_kvs.cDeferredFrees = 0;
         __atomic_store_n(&pHead->dwState, KVJRN_STATE_OPEN, __ATOMIC_RELEASE);
         return;
     }
@@ -415,7 +361,7 @@ void KvCommitNow()
 
 void KvTreeSectionRollBack(const char* pszWhy)
 {
-    if (!t_fSectionOpen)
+    if (!t_kvs.fSectionOpen)
         return;
     KvJournalHead* pHead = s_jrnTree.Head();
     if (pHead->cbUsed == 0)
@@ -424,28 +370,21 @@ void KvTreeSectionRollBack(const char* pszWhy)
     t_kvs.fJournaling = false;
     const uint32_t cRecords = KvUndo(pHead);
     t_kvs.fJournaling = fJournaling;
-    t_cDeferredFrees = 0;
+    t_kvs.cDeferredFrees = 0;
     char sz[200];
     snprintf(sz, sizeof(sz), "%s: undid %u changes of this process's call (%s)", s_jrnTree.MutexName(), cRecords,
              pszWhy);
     _DebugOutput(sz);
 }
 
-void KvTreeSectionClose()
-{
-    KvTreeSectionCommit();
-    t_fSectionOpen = false;
-    t_kvs.fJournaling = false;
-}
-
 bool KvTreeSectionIsOpen()
 {
-    return t_fSectionOpen;
+    return t_kvs.fSectionOpen;
 }
 
 bool KvTreeSectionIsEmpty()
 {
-    return !t_fSectionOpen || s_jrnTree.Head()->cbUsed == 0;
+    return !t_kvs.fSectionOpen || s_jrnTree.Head()->cbUsed == 0;
 }
 
 void KvTreeSectionNoteAlloc(void* pv, uint32_t cbBlock)
@@ -468,7 +407,7 @@ bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock)
     }
     t_pvofsFrees->push_back(s_jrnTree.Head()->cbUsed);
     s_jrnTree.AppendLogical(KVJRN_FREE, pv, cbBlock, nullptr);
-    ++t_cDeferredFrees;
+    ++t_kvs.cDeferredFrees;
     return true;
 }
 

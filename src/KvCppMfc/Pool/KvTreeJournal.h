@@ -29,19 +29,54 @@ void KvTreeJournalDetach();
 // In a fork child: the parent's section is not the child's.
 void KvTreeJournalForgetAfterFork();
 
+// The slow halves of the three below: recovery, and a commit with records.
+void KvTreeSectionOpenAndRecover();
+void KvTreeSectionCommitRecords();
+extern bool g_fKvTreeJournalBound;  // the records' object is attached
+
+inline KvJournalHead* KvTreeJournalHead()
+{
+    return reinterpret_cast<KvJournalHead*>(KvGranularityStatics::_pvBase + KVGRAN_TREE_JOURNAL_OFFSET);
+}
+
 // Requires: the caller has just taken the global mutex (not recursively).
 // Effects: undoes or finishes what an owner that died left, then journals
-// the caller's changes.
-void KvTreeSectionOpen();
+// the caller's changes. Nothing to recover (the common case) costs three loads.
+inline void KvTreeSectionOpen()
+{
+    if (!g_fKvTreeJournalBound || KvGranularityStatics::_pvBase == nullptr)
+        return;
+    const KvJournalHead* pTree = KvTreeJournalHead();
+    const KvJournalHead* pPools =
+        reinterpret_cast<const KvJournalHead*>(KvGranularityStatics::_pvBase + KVGRAN_POOL_JOURNAL_OFFSET);
+    if ((pTree->cbUsed | pTree->dwState | pPools->cbUsed) != 0) {
+        KvTreeSectionOpenAndRecover();
+        return;
+    }
+    t_kvs.cDeferredFrees = 0;
+    t_kvs.fSplit = false;
+    t_kvs.fSectionOpen = true;
+    t_kvs.fJournaling = true;
+}
 // Requires: the caller owns the global mutex. Effects: the changes so far
 // are final: the deferred frees run and the records are discarded.
-void KvTreeSectionCommit();
+inline void KvTreeSectionCommit()
+{
+    if (t_kvs.fSectionOpen && KvTreeJournalHead()->cbUsed != 0)
+        KvTreeSectionCommitRecords();
+    t_kvs.fSplit = false;
+}
 // Requires: the caller owns the global mutex. Effects: undoes the changes
 // since the last commit (for a call that is to be run again), newest first.
 void KvTreeSectionRollBack(const char* pszWhy);
 // Requires: as commit; before the caller releases the global mutex for the
 // last time. Effects: commits and stops journaling.
-void KvTreeSectionClose();
+inline void KvTreeSectionClose()
+{
+    KvTreeSectionCommit();
+    t_kvs.fSectionOpen = false;
+    t_kvs.fJournaling = false;
+}
 bool KvTreeSectionIsOpen();
 bool KvTreeSectionIsEmpty();
 // True when the call in progress was larger than the journal and split: it

@@ -41,10 +41,13 @@ struct KvGranularityStatics {
 // A key is (generation << 40 | size << 32 | offset); a commit starts a new
 // generation, which makes every key stale at once.
 struct KvsThreadState {
-    static constexpr uint32_t kcKnown = 64;
+    static constexpr uint32_t kcKnown = 256;
     uint64_t aqwKnown[kcKnown];
-    uint64_t qwGeneration;  // already shifted left by 40
-    bool fJournaling;       // inside a section of the global mutex
+    uint64_t qwGeneration;    // already shifted left by 40
+    bool fJournaling;         // inside a section of the global mutex (and not undoing it)
+    bool fSectionOpen;        // inside a section of the global mutex
+    bool fSplit;              // the call in progress was larger than the journal
+    uint32_t cDeferredFrees;  // FREE records of the section, run at its commit
 };
 extern thread_local KvsThreadState t_kvs;
 void KvsJournalSave(const void* pv, uint32_t cb);
@@ -56,9 +59,9 @@ inline uint64_t KvsKnownKey(uint32_t ofs, uint32_t cb)
 // multiplicative hash spreads them.
 inline uint32_t KvsKnownSlot(uint64_t qwKey)
 {
-    return (static_cast<uint32_t>(qwKey) * 0x9E3779B1u) >> 26;
+    return (static_cast<uint32_t>(qwKey) * 0x9E3779B1u) >> 24;
 }
-static_assert(KvsThreadState::kcKnown == 1u << (32 - 26), "the slot takes the hash's top bits");
+static_assert(KvsThreadState::kcKnown == 1u << (32 - 24), "the slot takes the hash's top bits");
 inline void KvsSave(const void* pv, uint32_t cb)
 {
     if (!t_kvs.fJournaling)
