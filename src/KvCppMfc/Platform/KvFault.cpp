@@ -20,7 +20,7 @@
 #include <ucontext.h>
 #include <unistd.h>
 
-thread_local int t_cKvFaultFrames = 0;
+__thread int t_cKvFaultFrames = 0;
 
 // A fault inside the C library's own assembly cannot be unwound on every
 // target (the i386 memcpy's unwind data does not describe every instruction),

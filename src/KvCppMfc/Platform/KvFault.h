@@ -29,7 +29,7 @@ typedef void (*KvFaultThrower)(const KvFaultInfo& info);
 void KvInstallFaultHandler(KvFaultThrower pfnThrow);
 
 // Per-thread depth of fault frames.
-extern thread_local int t_cKvFaultFrames;
+extern __thread int t_cKvFaultFrames;  // __thread: no initialisation check per access
 
 // Scope in which faults are translated. Costs one thread-local increment.
 struct KvFaultFrame {

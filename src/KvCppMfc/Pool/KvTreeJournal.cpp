@@ -9,7 +9,7 @@
 #include "../Diag/KvDiag.h"
 #include "../Platform/KvPlatform.h"
 
-thread_local KvsThreadState t_kvs = {{}, 1ull << 40, false, false, false, 0};
+__thread KvsThreadState t_kvs = {{}, 1ull << 40, false, false, false, 0};
 bool g_fKvTreeJournalBound = false;
 
 namespace {

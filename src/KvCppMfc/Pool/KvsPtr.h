@@ -49,7 +49,9 @@ struct KvsThreadState {
     bool fSplit;              // the call in progress was larger than the journal
     uint32_t cDeferredFrees;  // FREE records of the section, run at its commit
 };
-extern thread_local KvsThreadState t_kvs;
+// Declared __thread, not thread_local: a constant-initialised block needs no
+// initialisation check on each access, which every write would pay for.
+extern __thread KvsThreadState t_kvs;
 void KvsJournalSave(const void* pv, uint32_t cb);
 inline uint64_t KvsKnownKey(uint32_t ofs, uint32_t cb)
 {

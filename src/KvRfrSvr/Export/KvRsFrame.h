@@ -82,7 +82,7 @@ KvRsCaught KvRsRunGuarded(Body&& body, KvRsException* pex)
 // committed when the body ends, however it ends. A body that ran out of pool
 // memory for ended processes' messages is undone, the memory given back, and
 // run once more (the retry flag keeps it to once).
-extern thread_local bool t_fKvRsRetried;
+extern __thread bool t_fKvRsRetried;  // __thread: no initialisation check per access
 void KvRsReclaimForRetry();
 
 // The frame around a body without result. nLine is the exported function's line,

@@ -227,7 +227,7 @@ std::vector<CRsQueue*> KvRsPurgeableQueues()
 }
 }  // namespace
 
-thread_local bool t_fKvRsRetried = false;
+__thread bool t_fKvRsRetried = false;
 
 bool KvRsReclaimFromEndedProcesses()
 {
