@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -52,14 +53,16 @@ void TakeImage()
     KvRsReleaseMutex();
 }
 
-uint64_t InUse(const char* pInfo, uint32_t iPool)
+// A pool's counts: allocations and frees while checking was on, the net
+// count while it was off. An undone call leaves each as it was.
+std::array<uint64_t, 3> Counts(const char* pInfo, uint32_t iPool)
 {
     const char* p = pInfo + offsetof(G::Info, _agran) + iPool * sizeof(G);
-    uint64_t a[3];
+    std::array<uint64_t, 3> a{};
     memcpy(&a[0], p + offsetof(G, _cAllocChecked), 8);
     memcpy(&a[1], p + offsetof(G, _cFreeChecked), 8);
     memcpy(&a[2], p + offsetof(G, _cNetUnchecked), 8);
-    return a[0] + a[1] + a[2];
+    return a;
 }
 
 // Bytes that may differ from the image: the journals, the process table, the
@@ -101,12 +104,16 @@ std::vector<bool> Excluded(uint32_t cb)
             r << " byte 0x" << std::hex << i << ": was " << (p->ach[i] & 0xFF) << ", is " << (G::_pvBase[i] & 0xFF)
               << std::dec;
         }
-    for (uint32_t i = 0; i < G::_GetGranularityCount(); ++i)
-        if (InUse(p->ach, i) != InUse(G::_pvBase, i)) {
+    for (uint32_t i = 0; i < G::_GetGranularityCount(); ++i) {
+        const std::array<uint64_t, 3> aBefore = Counts(p->ach, i);
+        const std::array<uint64_t, 3> aNow = Counts(G::_pvBase, i);
+        if (aBefore != aNow) {
             r = ::testing::AssertionFailure();
-            r << " pool " << i << ": " << InUse(p->ach, i) << " blocks in use before, " << InUse(G::_pvBase, i)
-              << " now";
+            r << " pool " << i << ": counts (allocations, frees, net) were " << aBefore[0] << ", "
+              << static_cast<int64_t>(aBefore[1]) << ", " << aBefore[2] << "; are " << aNow[0] << ", "
+              << static_cast<int64_t>(aNow[1]) << ", " << aNow[2];
         }
+    }
     KvRsReleaseMutex();
     return r;
 }
@@ -252,6 +259,15 @@ TEST_F(KvJournalCrash, NodesAndValues)
                               }),
               3)
         << "set a value";
+    // Bytes of the size it holds (the undone call above left it so): the call
+    // takes back the block it gave up.
+    EXPECT_GT(DieAtEveryWrite(LookUp,
+                              [] {
+                                  unsigned char ab[24] = {4, 5, 6};
+                                  KvRsSetValueBytes(s_v.GetHandle(), s_v.GetId(), ab, sizeof(ab));
+                              }),
+              3)
+        << "replace a value's bytes";
     EXPECT_GT(DieAtEveryWrite(LookUp,
                               [] { KvRsSetNodeValue(s_b.GetHandle(), s_b.GetId(), s_v.GetHandle(), s_v.GetId()); }),
               2)
@@ -364,6 +380,31 @@ TEST_F(KvJournalCrash, AForkChildsStartUp)
 
 // A call larger than the journal is split where the journal fills: it
 // completes, and the tree is consistent.
+// A call that gives up a block and then takes one of its size gets the same
+// block back, counted as freed and allocated. Undone (as for a retry), it
+// leaves the block, its bytes and every count as they were.
+TEST_F(KvJournalCrash, ABlockTakenBackByItsCallIsUndoneWithItsCounts)
+{
+    KvRsRequestMutex();
+    char* pOld = static_cast<char*>(G::_Alloc(24, nullptr));
+    strcpy(pOld, "the old bytes");
+    KvRsReleaseMutex();
+    TakeImage();
+    KvRsRequestMutex();
+    G::_Free(pOld, 24, nullptr);
+    char* pNew = static_cast<char*>(G::_Alloc(24, nullptr));
+    EXPECT_EQ(pOld, pNew);
+    strcpy(pNew, "new");
+    void* pLater = G::_Alloc(8, nullptr);  // a change after the counting
+    EXPECT_NE(nullptr, pLater);
+    KvTreeSectionRollBack("a test");
+    KvRsReleaseMutex();
+    EXPECT_TRUE(SameAsImage());
+    KvRsRequestMutex();
+    G::_Free(pOld, 24, nullptr);
+    KvRsReleaseMutex();
+}
+
 TEST_F(KvJournalCrash, ACallLargerThanTheJournalIsSplitAndCompletes)
 {
     KvRsNodeProxy n = Node("j.many");

@@ -65,6 +65,14 @@ void* KvGranularity::_Alloc(uint32_t n, KvGranularityMemoryWatcher* pWatcher)
         KvGranThrow(sz);
     }
     KvGranularity& gran = _aogran[iIndex];
+    // A block the call gave up is taken again first (not for a watcher, which
+    // counts its own).
+    if (pWatcher == nullptr && n != 0)
+        if (void* pv = KvTreeSectionReuseFreed(gran._stSize)) {
+            if (_poinf->_fMemChecking)
+                gran.CountReuse(pv);
+            return pv;
+        }
     if (s_pfnReclaim != nullptr && gran.IsExhausted())
         s_pfnReclaim();
     return gran.Alloc(n, pWatcher);
@@ -178,6 +186,32 @@ void KvGranularity::FreeLocked(void* pv, KvGranularityMemoryWatcher* pWatcher, b
     }
     if (pWatcher != nullptr)
         pWatcher->CountFree(_poinf->_fMemChecking != 0);
+}
+
+void KvGranularity::CountReuse(void* pv)
+{
+    KvPoolLock lock;
+    KvJournal& j = KvPoolJournal();
+    KV_JOURNAL_SET(j, _cFreeChecked, _cFreeChecked - 1);
+    KV_JOURNAL_SET(j, _poinf->_cbFreeChecked, _poinf->_cbFreeChecked - _stSize);
+    KV_JOURNAL_SET(j, _cAllocChecked, _cAllocChecked + 1);
+    KV_JOURNAL_SET(j, _poinf->_cbAllocChecked, _poinf->_cbAllocChecked + _stSize);
+    KvTreeSectionNoteReuse(pv, _stSize);
+}
+
+void KvGranularity::_UncountReuseFromJournal(uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter)
+{
+    const uint32_t iIndex = _IndexForSize(cbBlock);
+    KvPoolLock lock;
+    KvJournal& j = KvPoolJournal();
+    if (iIndex < KVGRAN_COUNT && _aogran[iIndex]._stSize == cbBlock) {
+        KvGranularity& g = _aogran[iIndex];
+        KV_JOURNAL_SET(j, g._cFreeChecked, g._cFreeChecked + 1);
+        KV_JOURNAL_SET(j, _poinf->_cbFreeChecked, _poinf->_cbFreeChecked + cbBlock);
+        KV_JOURNAL_SET(j, g._cAllocChecked, g._cAllocChecked - 1);
+        KV_JOURNAL_SET(j, _poinf->_cbAllocChecked, _poinf->_cbAllocChecked - cbBlock);
+    }
+    KV_JOURNAL_SET(j, *pcbUsed, cbUsedAfter);
 }
 
 void KvGranularity::_FreeFromJournal(void* pv, uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter,

@@ -80,6 +80,12 @@ public:
     // back (its counters go down again), rather than the block freed.
     static void _FreeFromJournal(void* pv, uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter, bool fUndoAlloc);
     void FreeLocked(void* pv, KvGranularityMemoryWatcher* pWatcher, bool fUndoAlloc = false);
+    // A block that a section gave up and took again (KvTreeSectionReuseFreed)
+    // is counted as freed and allocated, as without the journal, in one pool
+    // operation that also records this for the section; undoing the section
+    // takes both counts back (_UncountReuseFromJournal, *pcbUsed as above).
+    void CountReuse(void* pv);
+    static void _UncountReuseFromJournal(uint32_t cbBlock, uint32_t* pcbUsed, uint32_t cbUsedAfter);
     void MemPrepare();
     // True when this pool has no free block and the segment no room for a chunk.
     bool IsExhausted() const;

@@ -41,7 +41,7 @@ void KvJournal::ListRecords(uint32_t cbUsed, std::vector<uint32_t>* pvofs) const
         const uint32_t cb = rec.dwKindAndSize & ~KVJRN_KIND_MASK;
         const uint32_t cbData = dwKind == KVJRN_BYTES ? ((cb + 3u) & ~3u) : 0;
         const uint64_t ofsEnd = static_cast<uint64_t>(rec.ofs) + cb;
-        if (dwKind > KVJRN_FREE || ofsEnd > KvGranularity::_stMax || ofs + sizeof(rec) + cbData > cbUsed)
+        if (dwKind > KVJRN_REUSED || ofsEnd > KvGranularity::_stMax || ofs + sizeof(rec) + cbData > cbUsed)
             break;
         pvofs->push_back(ofs);
         ofs += static_cast<uint32_t>(sizeof(rec)) + cbData;

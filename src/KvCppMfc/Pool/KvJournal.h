@@ -50,11 +50,14 @@ static_assert(KVGRAN_TREE_JOURNAL_OFFSET % 16 == 0 && KVGRAN_POOL_JOURNAL_OFFSET
 // Kinds of record. BYTES is undone by writing the bytes back; ALLOC (a block
 // this section took) by freeing the block; FREE (a block this section gave
 // up) is what the section's end does, since a block another process may take
-// cannot be taken back.
+// cannot be taken back. NONE was a FREE until the section reused its block;
+// REUSED is the counting of that, undone by counting back.
 enum : uint32_t {
     KVJRN_BYTES = 0,
     KVJRN_ALLOC = 1u << 28,
     KVJRN_FREE = 2u << 28,
+    KVJRN_NONE = 3u << 28,    // a FREE whose block the section took again: nothing to do either way
+    KVJRN_REUSED = 4u << 28,  // the counts of such a block, which undoing takes back
     KVJRN_KIND_MASK = 0xF0000000u,
 };
 // States of a journal: its records are undone when its owner dies, or, once

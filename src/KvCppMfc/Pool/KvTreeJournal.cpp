@@ -3,6 +3,7 @@
 
 #if KV_JOURNAL
 
+#include <cstddef>
 #include <cstdio>
 #include <vector>
 
@@ -23,7 +24,6 @@ KvJournal s_jrnTree(KVGRAN_TREE_JOURNAL_OFFSET, KVGRAN_TREE_JOURNAL_OFFSET + siz
                     "KVRFRSVR_GLOBAL_MUTEX");
 KvShmObject* s_pshmRecords = nullptr;  // the named object, while attached to a named segment
 char* s_pchPrivateRecords = nullptr;   // private memory, for a private segment
-
 
 // The per-thread memory below is freed when its thread ends; the holder is
 // made the first time a thread needs any.
@@ -185,6 +185,7 @@ uint32_t KvUndo(KvJournalHead* pHead)
         case KVJRN_ALLOC:
             KvGranularity::_FreeFromJournal(KvGranularity::_pvBase + rec.ofs, cb, &pHead->cbUsed, *it, true);
             break;
+        case KVJRN_REUSED: KvGranularity::_UncountReuseFromJournal(cb, &pHead->cbUsed, *it); break;
         default: KvPop(pHead, *it); break;
         }
     }
@@ -409,6 +410,48 @@ bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock)
     s_jrnTree.AppendLogical(KVJRN_FREE, pv, cbBlock, nullptr);
     ++t_kvs.cDeferredFrees;
     return true;
+}
+
+// The block's bytes are saved before its FREE record becomes NONE, so a death
+// anywhere leaves it allocated with bytes that undoing restores, as it was
+// before the section; and after the save, the section's writes to the block
+// need no more records. The newest few FREE records are looked at: a call
+// that replaces a buffer gives the old one up just before taking the new.
+void* KvTreeSectionReuseFreed(uint32_t cbBlock)
+{
+    constexpr uint32_t kcbReuseMax = 256;  // a larger block costs more to save than to free
+    constexpr size_t kcLook = 4;
+    if (!t_kvs.fJournaling || t_pvofsFrees == nullptr || cbBlock > kcbReuseMax)
+        return nullptr;
+    std::vector<uint32_t>& v = *t_pvofsFrees;
+    for (size_t k = 0; k < v.size() && k < kcLook; ++k) {
+        const size_t i = v.size() - 1 - k;
+        const KvJournalRecord rec = KvRecordAt(v[i]);
+        if (rec.dwKindAndSize != (KVJRN_FREE | cbBlock))
+            continue;
+        const uint32_t cbUsed = s_jrnTree.Head()->cbUsed;
+        KvEnsureRoom(2 * static_cast<uint32_t>(sizeof(KvJournalRecord)) + cbBlock);  // and REUSED
+        if (s_jrnTree.Head()->cbUsed < cbUsed)
+            return nullptr;  // the call was split: its frees ran, this one too
+        char* pBlock = KvGranularity::_pvBase + rec.ofs;
+        s_jrnTree.Save(pBlock, cbBlock);
+        const uint32_t dwNone = KVJRN_NONE | cbBlock;
+        __atomic_store_n(reinterpret_cast<uint32_t*>(s_jrnTree.Records() + v[i] +
+                                                     offsetof(KvJournalRecord, dwKindAndSize)),
+                         dwNone, __ATOMIC_RELEASE);
+        v.erase(v.begin() + static_cast<std::ptrdiff_t>(i));
+        --t_kvs.cDeferredFrees;
+        memset(pBlock, 0, cbBlock);
+        t_aFresh[t_iFresh++ % kcFresh] = KvFreshBlock{rec.ofs, cbBlock};
+        return pBlock;
+    }
+    return nullptr;
+}
+
+void KvTreeSectionNoteReuse(void* pv, uint32_t cbBlock)
+{
+    if (t_kvs.fJournaling)
+        s_jrnTree.AppendLogical(KVJRN_REUSED, pv, cbBlock, &KvPoolJournal());
 }
 
 uint32_t KvTreeJournalRolledBack()

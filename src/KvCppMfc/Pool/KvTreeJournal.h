@@ -89,6 +89,12 @@ void KvTreeJournalLimitForTest(uint32_t cbRecords);
 // (as part of the pool operation); a free in a section is deferred (true).
 void KvTreeSectionNoteAlloc(void* pv, uint32_t cbBlock);
 bool KvTreeSectionDeferFree(void* pv, uint32_t cbBlock);
+// A block of cbBlock bytes that this section gave up, taken again (zeroed)
+// instead of a new one: neither end needs a pool operation. Null when the
+// section gave up none of that size lately (or the block is too large to save).
+void* KvTreeSectionReuseFreed(uint32_t cbBlock);
+// Under the pool mutex, from KvGranularity::CountReuse: records the counting.
+void KvTreeSectionNoteReuse(void* pv, uint32_t cbBlock);
 
 // Sections undone or finished for processes that ended inside them.
 uint32_t KvTreeJournalRolledBack();
@@ -122,6 +128,11 @@ inline bool KvTreeSectionDeferFree(void*, uint32_t)
 {
     return false;
 }
+inline void* KvTreeSectionReuseFreed(uint32_t)
+{
+    return nullptr;
+}
+inline void KvTreeSectionNoteReuse(void*, uint32_t) {}
 inline uint32_t KvTreeJournalRolledBack()
 {
     return 0;
