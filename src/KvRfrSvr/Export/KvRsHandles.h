@@ -41,10 +41,11 @@ KvSmartPtr<T> KvRsHandle2(void* handle, unsigned long /*id*/)
 
 KvSmartPtr<CRsObj> KvRsHandle2Ptr(void* handle, unsigned long id);
 
-// The object at handle for a body that only reads it and takes nothing from
-// it: under the global mutex nothing frees it meanwhile, so no counted
-// reference is taken (taking one writes the counts of the object and of every
-// ancestor, and the journal records each of them).
+// The object at handle for a body that reads it, or changes it without
+// dropping any reference that could be the object's last: under the global
+// mutex nothing frees it meanwhile, so no counted reference is taken (taking
+// one writes the counts of the object and of every ancestor, and the journal
+// records each of them).
 template <class T>
 T* KvRsBorrow(void* handle, unsigned long /*id*/)
 {

@@ -6,10 +6,6 @@
 #include "KvRsReaper.h"
 
 namespace {
-KvSmartPtr<CRsMsg> KvRsMsg(void* h, unsigned long id)
-{
-    return KvRsHandle2<CRsMsg>(h, id);
-}
 KvSmartPtr<CRsQueue> KvRsQueue(void* h, unsigned long id)
 {
     return KvRsHandle2<CRsQueue>(h, id);
@@ -54,18 +50,18 @@ unsigned long KvRsGetMsgType(void* hMsg, unsigned long idMsg)
 KvRsValueProxy KvRsGetMsgValue(void* hMsg, unsigned long idMsg)
 {
     return KvRsFramedResult<KvRsValueProxy>(__LINE__, [&](KvRsValueProxy& result) {
-        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg);
-        if (ptrMsg.IsNotNull())
-            KvRsSetProxySafe(result, ptrMsg->m_ptrValue);
+        const CRsMsg* pMsg = KvRsBorrow<CRsMsg>(hMsg, idMsg);
+        if (pMsg != nullptr)
+            KvRsSetProxySafe(result, pMsg->m_ptrValue);
     });
 }
 
 KvRsNodeProxy KvRsGetMsgChangedNode(void* hMsg, unsigned long idMsg)
 {
     return KvRsFramedResult<KvRsNodeProxy>(__LINE__, [&](KvRsNodeProxy& result) {
-        KvSmartPtr<CRsMsg> ptrMsg = KvRsMsg(hMsg, idMsg);
-        if (ptrMsg.IsNotNull())
-            KvRsSetProxySafe(result, ptrMsg->m_ptrNode);
+        const CRsMsg* pMsg = KvRsBorrow<CRsMsg>(hMsg, idMsg);
+        if (pMsg != nullptr)
+            KvRsSetProxySafe(result, pMsg->m_ptrNode);
     });
 }
 

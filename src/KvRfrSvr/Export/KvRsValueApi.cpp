@@ -4,13 +4,6 @@
 #include "KvRfrSvr/Internal/CRsModel.h"
 #include "KvRsHandles.h"
 
-namespace {
-KvSmartPtr<CRsValue> KvRsValue(void* h, unsigned long id)
-{
-    return KvRsHandle2<CRsValue>(h, id);
-}
-}  // namespace
-
 KvRsValueProxy KvRsCreateValue(void)
 {
     return KvRsFramedResult<KvRsValueProxy>(__LINE__, [&](KvRsValueProxy& result) {
@@ -30,9 +23,9 @@ unsigned long KvRsGetValueType(void* hValue, unsigned long idValue)
 void KvRsSetValueType(void* hValue, unsigned long idValue, unsigned long type)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue);
-        if (ptrValue.IsNotNull())
-            ptrValue->SetValueType(static_cast<uint32_t>(type));
+        CRsValue* pValue = KvRsBorrow<CRsValue>(hValue, idValue);  // changed, never released by it
+        if (pValue != nullptr)
+            pValue->SetValueType(static_cast<uint32_t>(type));
     });
 }
 
@@ -58,12 +51,12 @@ void KvRsGetValueBytes(void* hValue, unsigned long idValue, unsigned char* pb)
 void KvRsSetValueBytes(void* hValue, unsigned long idValue, unsigned char* pb, long cb)
 {
     KvRsFramed(__LINE__, [&] {
-        KvSmartPtr<CRsValue> ptrValue = KvRsValue(hValue, idValue);
+        CRsValue* pValue = KvRsBorrow<CRsValue>(hValue, idValue);  // changed, never released by it
         // long is 64-bit on x86_64: the count is judged whole, never by its low
         // 32 bits. 0 or less empties the value; more than 32 bits can hold is
         // the largest count, which the pools then refuse.
         const int32_t cBytes = cb <= 0 ? 0 : (cb > INT32_MAX ? INT32_MAX : static_cast<int32_t>(cb));
-        if (ptrValue.IsNotNull())
-            ptrValue->SetBytes(pb, cBytes);
+        if (pValue != nullptr)
+            pValue->SetBytes(pb, cBytes);
     });
 }
