@@ -100,6 +100,15 @@ struct KvRsProxyAccess {
         proxy.m_pvHandle = nullptr;
         proxy.m_dwId = 0;
     }
+    // Requires: the proxy is empty; the caller hands over one counted
+    // reference on pObj (null: the proxy stays empty).
+    static void Adopt(KvRsProxy& proxy, CRsObj* pObj)
+    {
+        if (pObj == nullptr)
+            return;
+        proxy.m_pvHandle = KvRsOffsetHandle(KvGranularity::_CalcOffset(pObj));
+        proxy.m_dwId = pObj->GetId();
+    }
 };
 
 // SetProxy: the object must not be null (a null one is the access violation of
@@ -113,4 +122,12 @@ template <class T>
 void KvRsSetProxySafe(KvRsProxy& proxy, const KvSmartPtr<T>& ptr)
 {
     KvRsProxyAccess::Assign(proxy, ptr.Get());
+}
+// From a reference the caller gives up (a function's result): its unit becomes
+// the proxy's, without counting up the ancestors and down again.
+template <class T>
+void KvRsSetProxySafe(KvRsProxy& proxy, KvSmartPtr<T>&& ptr)
+{
+    KvRsProxyAccess::Release(proxy);  // may raise: ptr still holds its unit then
+    KvRsProxyAccess::Adopt(proxy, ptr.Detach());
 }
