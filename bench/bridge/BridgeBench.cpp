@@ -3,14 +3,11 @@
 // two bridges, and the sustained rate of changes, next to a libmosquitto
 // publisher and subscriber on the same broker (the floor a bridge can reach).
 //   bench_bridge [--short]
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -27,6 +24,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "common/KvFreePort.h"
 
 extern char** environ;
 
@@ -120,21 +119,6 @@ struct Child {
         }
     }
 };
-
-int FreePort()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t cb = sizeof addr;
-    int iPort = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &cb) == 0)
-        iPort = ntohs(addr.sin_port);
-    close(fd);
-    return iPort;
-}
 
 struct Figures {
     double m_dP50Us = 0, m_dP99Us = 0, m_dRate = 0;
@@ -316,7 +300,7 @@ int main(int argc, char** argv)
     int iPort = 0;
     std::unique_ptr<Child> pBroker;
     for (int i = 0; i < 5 && pBroker == nullptr; ++i) {
-        iPort = FreePort();
+        iPort = KvFreePort();
         std::ofstream(strConf) << "listener " << iPort
                                << " 127.0.0.1\nallow_anonymous true\npersistence false\nmax_queued_messages 0\n";
         pBroker = std::make_unique<Child>(std::vector<std::string>{KV_MOSQUITTO, "-c", strConf}, "", "broker");

@@ -1,32 +1,9 @@
 // KvBridgeHarness.cpp - brokers, trees and processes for the bridge's tests.
 #include "KvBridgeHarness.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <fstream>
 
-namespace {
-
-// A port the kernel had free a moment ago; mosquitto may still lose it to
-// another process, which Start() survives by trying again.
-int FreePort()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t cb = sizeof addr;
-    int iPort = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &cb) == 0)
-        iPort = ntohs(addr.sin_port);
-    close(fd);
-    return iPort;
-}
-
-}  // namespace
+#include "common/KvFreePort.h"
 
 KvBridgeProcess KvBridgeStart(const std::string& strNamespace, const std::vector<std::string>& argv, int csLimit,
                               const std::string& strIn)
@@ -76,7 +53,7 @@ bool KvBridgeBroker::Start()
     if (m_iPort != 0)
         return StartOn(m_iPort);
     for (int i = 0; i < 5; ++i)
-        if (StartOn(FreePort()))
+        if (StartOn(KvFreePort()))
             return true;
     return false;
 }

@@ -78,13 +78,8 @@ void Listener::Connect()
     for (const KvRsNodeProxy& node : vNodes) {
         if (!(KvrsNodeType(node) & KVRS_TYPE_VALUE))
             continue;
-        KvrsEvent ev;
+        KvrsEvent ev = FollowedEvent(node, 0);
         ev.m_bCurrent = true;
-        ev.m_bNode = true;
-        ev.m_strPath = KvrsNodePath(node);
-        ev.m_uTarget = m_follow.TargetOf(node);
-        ev.m_idTarget = static_cast<unsigned long>(ev.m_uTarget);
-        ev.m_value = KvrsReadValue(KvRsGetNodeValue(node.GetHandle(), node.GetId()));
         Print(ev);
     }
 }
@@ -129,7 +124,8 @@ KvrsEvent Listener::EventOf(const KvRsMsgProxy& msg, KvRsNodeProxy* pNode) const
     return ev;
 }
 
-// The event of a node that a pattern follows from now on.
+// The event of a node that a pattern follows (its present value, when dwNumber
+// is 0).
 KvrsEvent Listener::FollowedEvent(const KvRsNodeProxy& node, uint32_t dwNumber) const
 {
     KvrsEvent ev;
