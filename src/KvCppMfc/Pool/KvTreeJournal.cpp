@@ -83,8 +83,8 @@ bool KvIsFresh(uint32_t ofs, uint32_t cb)
 // A call larger than the journal is split: what it changed so far becomes
 // final (its frees run, as they would have without the journal), and the
 // journal starts again from there. Only such a call can be left in part by a
-// death; it is also never undone to be run again.
-void KvCommitNow();
+// death; it is also never undone to be run again. (The split commits through
+// KvTreeSectionCommitRecords, which is declared in the header.)
 
 uint32_t s_cbLimitForTest = 0;
 uint32_t s_cbCapacity = 0;  // the records' room: the object's size, or the test's limit
@@ -116,7 +116,7 @@ void KvEnsureRoom(uint32_t cbRecord)
         _DebugOutput(sz);
     }
     t_kvs.fSplit = true;
-    KvCommitNow();
+    KvTreeSectionCommitRecords();
 }
 
 KvJournalRecord KvRecordAt(uint32_t ofs)
@@ -323,11 +323,6 @@ void KvTreeSectionOpenAndRecover()
     t_kvs.fJournaling = true;
 }
 
-void KvTreeSectionCommitRecords()
-{
-    KvCommitNow();
-}
-
 bool KvTreeSectionWasSplit()
 {
     return t_kvs.fSplit;
@@ -339,8 +334,7 @@ void KvTreeJournalLimitForTest(uint32_t cbRecords)
     KvSetCapacity();
 }
 
-namespace {
-void KvCommitNow()
+void KvTreeSectionCommitRecords()
 {
     if (!t_kvs.fSectionOpen)
         return;
@@ -358,7 +352,6 @@ void KvCommitNow()
     }
     KvPop(pHead, 0);
 }
-}  // namespace
 
 void KvTreeSectionRollBack(const char* pszWhy)
 {
@@ -376,11 +369,6 @@ void KvTreeSectionRollBack(const char* pszWhy)
     snprintf(sz, sizeof(sz), "%s: undid %u changes of this process's call (%s)", s_jrnTree.MutexName(), cRecords,
              pszWhy);
     _DebugOutput(sz);
-}
-
-bool KvTreeSectionIsOpen()
-{
-    return t_kvs.fSectionOpen;
 }
 
 bool KvTreeSectionIsEmpty()

@@ -77,7 +77,6 @@ inline void KvTreeSectionClose()
     t_kvs.fSectionOpen = false;
     t_kvs.fJournaling = false;
 }
-bool KvTreeSectionIsOpen();
 bool KvTreeSectionIsEmpty();
 // True when the call in progress was larger than the journal and split: it
 // can no longer be undone to be run again.
@@ -110,10 +109,6 @@ inline void KvTreeSectionOpen() {}
 inline void KvTreeSectionCommit() {}
 inline void KvTreeSectionRollBack(const char*) {}
 inline void KvTreeSectionClose() {}
-inline bool KvTreeSectionIsOpen()
-{
-    return false;
-}
 inline bool KvTreeSectionIsEmpty()
 {
     return true;
